@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Builds Kestrin and runs every test: once in a plain Release build, once under
+# AddressSanitizer + UndefinedBehaviorSanitizer. Extra builds:
+#   KESTRIN_TEST_TSAN=1  also runs the tests under ThreadSanitizer.
+#   KESTRIN_TEST_QUICK=1 runs only the plain build.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+jobs=${KESTRIN_JOBS:-2}
+generator=()
+command -v ninja >/dev/null 2>&1 && generator=(-G Ninja)
+
+run_build() {
+  local dir=$1 sanitize=$2 type=$3
+  echo "=== ${dir}: ${type}${sanitize:+, sanitizers ${sanitize}}"
+  cmake -S . -B "$dir" "${generator[@]}" -DCMAKE_BUILD_TYPE="$type" \
+        -DKESTRIN_WERROR=ON -DKESTRIN_SANITIZE="$sanitize" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+  ctest --test-dir "$dir" --output-on-failure -j"$jobs" --timeout 300
+}
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+
+run_build build "" Release
+if [ -z "${KESTRIN_TEST_QUICK:-}" ]; then
+  run_build build-asan address,undefined RelWithDebInfo
+fi
+if [ -n "${KESTRIN_TEST_TSAN:-}" ]; then
+  run_build build-tsan thread RelWithDebInfo
+fi

@@ -1,0 +1,307 @@
+/*
+ * The platform layer: everything Kestrin needs from the operating system.
+ *
+ * Only the files in this folder call POSIX for tasks, clocks, files, sockets,
+ * shared memory, queues and processes; everything else calls these functions.
+ *
+ * Error convention: every function that can fail returns an int result code,
+ * 0 (OS_OK) on success and one of the OS_ERROR_* codes below otherwise. EINTR
+ * is retried inside the layer wherever the call can simply be repeated; where
+ * it cannot (a send or receive that may have moved data, a select), it comes
+ * back as OS_ERROR_RETRY or OS_ERROR_SELECT_RETRY for the caller to decide.
+ * Output arguments are written only on success unless a function says
+ * otherwise. All functions may be called from any thread.
+ *
+ * Fixed paths and KESTRIN_ROOT: when the environment variable KESTRIN_ROOT
+ * names a directory R, every fixed absolute path of the system is taken under
+ * R (osMapPath), and every named IPC resource is made distinct per root
+ * (osMapIpcName). With the variable unset, paths are exactly as given.
+ */
+#ifndef KESTRIN_OSA_OSA_H_
+#define KESTRIN_OSA_OSA_H_
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Result codes ------------------------------------------------------ */
+
+enum {
+  OS_OK = 0,
+  OS_ERROR_GENERAL = 1,           /* failure with no closer code */
+  OS_ERROR_INVALID_PARAMETER = 2, /* null pointer, bad size, bad handle */
+  OS_ERROR_NO_MEMORY = 3,
+  OS_ERROR_ACCESS_DENIED = 5,
+  OS_ERROR_ALREADY_EXISTS = 6,
+  OS_ERROR_TIMEOUT = 7,        /* select: nothing ready within the wait */
+  OS_ERROR_BUFFER_TOO_SMALL = 8, /* output was cut to fit */
+  OS_ERROR_FILE_NOT_FOUND = 14,  /* the file does not exist */
+  OS_ERROR_PATH_NOT_FOUND = 15,  /* a directory on the way does not exist */
+  OS_ERROR_NO_SPACE = 16,        /* the device is full */
+  OS_ERROR_NOT_DIRECTORY = 17,
+  OS_ERROR_IS_DIRECTORY = 18,
+
+  OS_ERROR_SOCKET = 300,            /* socket failure with no closer code */
+  OS_ERROR_CONN_REFUSED = 301,
+  OS_ERROR_UNREACHABLE = 302,       /* host or network unreachable */
+  OS_ERROR_CONN_RESET = 303,        /* peer gone: connection reset */
+  OS_ERROR_WOULD_BLOCK = 304,       /* non-blocking call would block */
+  OS_ERROR_ADDR_IN_USE = 305,
+  OS_ERROR_ADDR_NOT_AVAIL = 306,
+  OS_ERROR_BAD_SOCKET = 307,        /* not an open socket */
+  OS_ERROR_IN_PROGRESS = 308,       /* non-blocking connect under way */
+  OS_ERROR_TIMED_OUT = 309,         /* connection timed out */
+  OS_ERROR_CONN_ABORTED_BY_PEER = 310,
+  OS_ERROR_BROKEN_PIPE = 311,       /* peer gone: broken pipe */
+  OS_ERROR_IS_CONNECTED = 312,
+  OS_ERROR_NOT_CONNECTED = 313,     /* peer gone: not connected */
+  OS_ERROR_HOST_NOT_FOUND = 314,
+  OS_ERROR_RETRY = 317,             /* interrupted or try again: repeat the call */
+  OS_ERROR_SELECT_RETRY = 325       /* select interrupted: repeat the call */
+};
+
+/* Turns an error value of osShareMemory or the osQueue* calls into its detail
+ * code (the operating system's error number behind it); 0 for OS_OK. The low
+ * 16 bits of such a value hold the general OS_ERROR_* code. */
+int osGetSpecificErrorCode(int errorValue);
+
+/* ---- Paths and KESTRIN_ROOT ------------------------------------------ */
+
+/* Maps the fixed absolute path `path` under KESTRIN_ROOT (unchanged when the
+ * variable is unset or empty) into `out`. Returns OS_ERROR_BUFFER_TOO_SMALL
+ * (with `out` holding as much as fits, terminated) when it does not fit. */
+int osMapPath(const char* path, char* out, size_t outSize);
+
+/* Makes a named IPC resource's name distinct per root: `name` itself without
+ * a root, else `name` followed by "_" and a hash of the root directory. */
+int osMapIpcName(const char* name, char* out, size_t outSize);
+
+/* Kinds of osGetPath. */
+enum {
+  OS_PATH_CONFIG = 1, /* "/kv/etc/" */
+  OS_PATH_LOG = 2     /* "/kv/log/" */
+};
+
+/* Writes the directory of the given kind, mapped under KESTRIN_ROOT and ending
+ * in "/", into `out`. Unknown kinds give OS_ERROR_INVALID_PARAMETER. */
+int osGetPath(int kind, char* out, size_t outSize);
+
+/* ---- Strings ----------------------------------------------------------- */
+
+/* Copies at most size - 1 bytes of `src` into `dst` and always terminates it
+ * (for size > 0). Returns `dst`. A null `src` copies the empty string. */
+char* osLStrCpyn(char* dst, const char* src, size_t size);
+
+/* Writes `value` in decimal into `buffer` of `size` bytes. With `isSigned`
+ * non-zero the value is taken as signed, else as unsigned. Returns
+ * OS_ERROR_BUFFER_TOO_SMALL when the digits and the terminator do not fit. */
+int osItoaEx(long value, char* buffer, size_t size, int isSigned);
+
+/* ---- Tasks and time ---------------------------------------------------- */
+
+typedef void (*tOsTaskEntry)(void* argument);
+
+/* Starts a detached thread running entry(argument). `name` may be empty or
+ * null; `priority` is accepted and ignored (all threads share the process's
+ * scheduling); a `stackSize` below what the platform needs is raised to its
+ * default. `taskId` (may be null) receives the new thread's id. */
+int osCreateTask(const char* name, int priority, unsigned long stackSize, tOsTaskEntry entry,
+                 void* argument, unsigned long* taskId);
+
+/* The calling thread's id; the same value osCreateTask reported for it. */
+int osGetTaskId(unsigned long* taskId);
+
+/* Sleeps `milliseconds`, resuming after signals until the time has passed. */
+int osSleep(unsigned long milliseconds);
+
+/* A monotonic millisecond clock (wraps with unsigned long arithmetic). */
+unsigned long osGetClock(void);
+
+/* ---- Lightweight mutexes ----------------------------------------------- */
+
+/* A mutex lives behind an unsigned long handle. osInitializeLwtMutex creates
+ * it; the two flags are the caller's lock-now and throw-on-error settings,
+ * accepted so that callers can pass them through and otherwise unused (the
+ * caller locks and throws itself). Locking is not recursive. */
+int osInitializeLwtMutex(unsigned long* mutex, int lockNow, int throwOnError);
+int osLockLwtMutex(unsigned long* mutex);
+int osUnlockLwtMutex(unsigned long* mutex);
+int osCleanupLwtMutex(unsigned long* mutex);
+
+/* ---- Files and directories -------------------------------------------- */
+
+/* A handle to an open file; 0 is never a valid handle. */
+typedef uintptr_t tOsFile;
+
+/* Opens `path` with an fopen mode ("r", "w", "a", "a+", ...). A directory may
+ * be opened in mode "r" (to test that it exists). */
+int osOpenFile(const char* path, const char* mode, tOsFile* file);
+int osCloseFile(tOsFile file);
+
+/* Creates one directory (mode 0777 before umask); an existing one gives
+ * OS_ERROR_ALREADY_EXISTS. */
+int osMakeDir(const char* path);
+
+/* Deletes a file: OS_ERROR_FILE_NOT_FOUND when it does not exist,
+ * OS_ERROR_PATH_NOT_FOUND when a directory on the way does not. */
+int osDeleteFile(const char* path);
+
+/* Renames `from` to `to`, replacing `to`; OS_ERROR_FILE_NOT_FOUND when `from`
+ * does not exist. */
+int osMoveFile(const char* from, const char* to);
+
+/* ---- Shared memory ----------------------------------------------------- */
+
+/* Creates, or attaches to, the named shared segment of `size` bytes (the name
+ * is mapped per root with osMapIpcName) and stores its address in `*address`.
+ * A new segment is zero-filled. The segment outlives the process. Failures
+ * are error values for osGetSpecificErrorCode. */
+int osShareMemory(const char* name, size_t size, void** address);
+
+/* Removes the named segment (for tests and tools; the daemon never does). */
+int osUnshareMemory(const char* name);
+
+/* ---- Named queues ------------------------------------------------------ */
+
+/* Looks up the named message queue (mapped per root), creating it when it
+ * does not exist, and stores its id. */
+int osQueueGetId(const char* name, long* queueId);
+
+/* Sends `length` bytes as one message without waiting: OS_ERROR_WOULD_BLOCK
+ * when the queue is full. */
+int osQueueSend(long queueId, const void* data, size_t length);
+
+/* Receives one message into `buffer`, waiting at most `timeoutMs` (negative:
+ * forever): OS_ERROR_TIMEOUT when nothing arrived. For tests and tools. */
+int osQueueReceive(long queueId, void* buffer, size_t size, size_t* received, long timeoutMs);
+
+/* Removes the named queue (for tests and tools). */
+int osQueueDelete(const char* name);
+
+/* ---- Processes --------------------------------------------------------- */
+
+int osGetProcessId(unsigned long* processId);
+
+/* The file name (without directories) of the executable of task `taskId`;
+ * 0 names the calling process. */
+int osGetProcessFileName(unsigned long taskId, char* buffer, size_t size);
+
+/* States of a named process state (osGetProcessState). */
+enum {
+  OS_PROCESS_STATE_NEW = 0,     /* the name was free: the caller now holds it */
+  OS_PROCESS_STATE_HELD = 1,    /* another live process holds the name */
+  OS_PROCESS_STATE_RECLAIMED = 2 /* the name's last holder has ended: the caller now holds it */
+};
+
+/* Claims the process-wide name `name` (mapped per root) for the calling
+ * process until it ends, and tells who held it. The claim cannot go stale: it
+ * is released by the kernel when the process ends, however it ends. A process
+ * that already holds the name gets OS_PROCESS_STATE_NEW again. */
+int osGetProcessState(const char* name, int* state);
+
+/* ---- TCP --------------------------------------------------------------- */
+
+/* An IPv4 endpoint, both fields in host byte order. */
+typedef struct tOsTCPSocketAddress {
+  uint32_t ipAddress;
+  uint16_t port;
+} tOsTCPSocketAddress;
+
+/* One entry of osTCPGetIpListEx: 20 bytes, fields in host byte order. */
+typedef struct tOsIpListEntry {
+  uint32_t ipAddress;
+  uint32_t netMask;
+  uint32_t broadcastAddress;
+  uint32_t flags;          /* the interface's IFF_* flags */
+  uint32_t interfaceIndex;
+} tOsIpListEntry;
+
+#define OS_MAX_HOST_ADDRESSES 16
+
+/* Addresses of a host name, host byte order. */
+typedef struct tOsHostEntry {
+  unsigned int addressCount;
+  uint32_t addresses[OS_MAX_HOST_ADDRESSES];
+} tOsHostEntry;
+
+enum { OS_SOCK_STREAM = 1, OS_SOCK_DGRAM = 2 };
+enum { OS_IPPROTO_TCP = 6, OS_IPPROTO_UDP = 17 };
+
+uint16_t osHtoNs(uint16_t value);
+uint32_t osHtoNl(uint32_t value);
+uint16_t osNtoHs(uint16_t value);
+uint32_t osNtoHl(uint32_t value);
+
+int osTCPSocket(int type, int protocol, long* socket);
+int osTCPClose(long socket);
+int osTCPConnect(long socket, const tOsTCPSocketAddress* address);
+int osTCPBind(long socket, const tOsTCPSocketAddress* address);
+int osTCPListen(long socket, int backlog);
+/* Accepts one pending connection: OS_ERROR_WOULD_BLOCK when there is none on a
+ * non-blocking socket. The new socket is blocking unless the caller changes it. */
+int osTCPAccept(long socket, long* newSocket, tOsTCPSocketAddress* farEnd);
+
+/* One send or receive call. `*count` receives the bytes moved (0 on failure).
+ * A send on a connection whose peer has gone never raises SIGPIPE: it returns
+ * OS_ERROR_BROKEN_PIPE or OS_ERROR_CONN_RESET. A receive of 0 bytes with OS_OK
+ * means the peer closed the connection. */
+int osTCPSend(long socket, const void* data, int length, int flags, int* count);
+int osTCPRecv(long socket, void* buffer, int length, int flags, int* count);
+
+/* Waits until at least one of the `*count` sockets in `sockets` is readable
+ * (osTCPSelect) or writable (osTCPSelectWrite), at most `timeoutMs`
+ * milliseconds (negative: no time-out). On OS_OK the array is rewritten in
+ * place: the ready sockets first, then -1 if room remains, and `*count` is
+ * the number ready. Nothing ready in time gives OS_ERROR_TIMEOUT; an
+ * interrupted wait gives OS_ERROR_SELECT_RETRY. */
+int osTCPSelect(long* sockets, int* count, long timeoutMs);
+int osTCPSelectWrite(long* sockets, int* count, long timeoutMs);
+
+int osTCPSetNonBlocking(long socket, int nonBlocking);
+int osTCPSetReuseAddr(long socket, int reuse);
+int osTCPSetRcvBuf(long socket, long size);
+int osTCPSetSndBuf(long socket, long size);
+
+int osTCPGetHostName(char* buffer, size_t size);
+
+/* Fills `entries` (of `bufferSize` bytes) with the IPv4 addresses of this
+ * host's interfaces and sets `*count` to the number filled. When more exist
+ * than fit, the buffer is filled and `*count` equals its capacity. */
+int osTCPGetIpListEx(tOsIpListEntry* entries, unsigned long bufferSize, unsigned long* count);
+
+/* "a.b.c.d:port" */
+int osTCPAddressToString(const tOsTCPSocketAddress* address, char* buffer, size_t size);
+
+/* Resolves a host name or dotted quad to its IPv4 addresses. */
+int osGetHostByName(const char* hostName, tOsHostEntry* entry);
+
+/* ---- Fault injection (tests) ------------------------------------------- */
+
+/* A test may install replacements for calls the kernel cannot be made to fail
+ * on demand. Each member may be null. A replacement returns the result the
+ * call should give, or OSA_CALL_REAL to let the real call run. Installing
+ * null removes all replacements. Not for production code. */
+#define OSA_CALL_REAL (-1)
+
+typedef struct tOsaOverrides {
+  int (*tcpSend)(long socket, const void* data, int length, int flags, int* count);
+  int (*tcpRecv)(long socket, void* buffer, int length, int flags, int* count);
+  int (*tcpAccept)(long socket, long* newSocket, tOsTCPSocketAddress* farEnd);
+  int (*tcpConnect)(long socket, const tOsTCPSocketAddress* address);
+  int (*tcpSelect)(long* sockets, int* count, long timeoutMs);
+  int (*tcpSelectWrite)(long* sockets, int* count, long timeoutMs);
+  int (*sleep)(unsigned long milliseconds);
+  /* Replaces osGetClock when set; returning OSA_CALL_REAL is not possible here. */
+  unsigned long (*clock)(void);
+} tOsaOverrides;
+
+void osSetOverrides(const tOsaOverrides* overrides);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KESTRIN_OSA_OSA_H_ */
