@@ -8,16 +8,20 @@
 
 namespace {
 
-pthread_mutex_t* FromHandle(unsigned long* mutex) {
+pthread_mutex_t* from_handle(unsigned long* mutex) {
   return mutex == nullptr ? nullptr : reinterpret_cast<pthread_mutex_t*>(*mutex);
 }
 
-int FromErrno(int error) {
+int from_errno(int error) {
   switch (error) {
-    case 0: return OS_OK;
-    case ENOMEM: return OS_ERROR_NO_MEMORY;
-    case EINVAL: return OS_ERROR_INVALID_PARAMETER;
-    default: return OS_ERROR_GENERAL;
+    case 0:
+      return OS_OK;
+    case ENOMEM:
+      return OS_ERROR_NO_MEMORY;
+    case EINVAL:
+      return OS_ERROR_INVALID_PARAMETER;
+    default:
+      return OS_ERROR_GENERAL;
   }
 }
 
@@ -30,29 +34,29 @@ int osInitializeLwtMutex(unsigned long* mutex, int /*lockNow*/, int /*throwOnErr
   int rc = pthread_mutex_init(m, nullptr);
   if (rc != 0) {
     delete m;
-    return FromErrno(rc);
+    return from_errno(rc);
   }
   *mutex = reinterpret_cast<unsigned long>(m);
   return OS_OK;
 }
 
 int osLockLwtMutex(unsigned long* mutex) {
-  pthread_mutex_t* m = FromHandle(mutex);
+  pthread_mutex_t* m = from_handle(mutex);
   if (m == nullptr) return OS_ERROR_INVALID_PARAMETER;
-  return FromErrno(pthread_mutex_lock(m));
+  return from_errno(pthread_mutex_lock(m));
 }
 
 int osUnlockLwtMutex(unsigned long* mutex) {
-  pthread_mutex_t* m = FromHandle(mutex);
+  pthread_mutex_t* m = from_handle(mutex);
   if (m == nullptr) return OS_ERROR_INVALID_PARAMETER;
-  return FromErrno(pthread_mutex_unlock(m));
+  return from_errno(pthread_mutex_unlock(m));
 }
 
 int osCleanupLwtMutex(unsigned long* mutex) {
-  pthread_mutex_t* m = FromHandle(mutex);
+  pthread_mutex_t* m = from_handle(mutex);
   if (m == nullptr) return OS_ERROR_INVALID_PARAMETER;
   int rc = pthread_mutex_destroy(m);
-  if (rc != 0) return FromErrno(rc);
+  if (rc != 0) return from_errno(rc);
   delete m;
   *mutex = 0;
   return OS_OK;

@@ -9,6 +9,8 @@
  * is retried inside the layer wherever the call can simply be repeated; where
  * it cannot (a send or receive that may have moved data, a select), it comes
  * back as OS_ERROR_RETRY or OS_ERROR_SELECT_RETRY for the caller to decide.
+ * Invalid arguments detected by the layer itself (null pointers, sizes of 0,
+ * negative lengths, unknown kinds) give OS_ERROR_INVALID_PARAMETER.
  * Output arguments are written only on success unless a function says
  * otherwise. All functions may be called from any thread.
  *
@@ -36,7 +38,7 @@ enum {
   OS_ERROR_NO_MEMORY = 3,
   OS_ERROR_ACCESS_DENIED = 5,
   OS_ERROR_ALREADY_EXISTS = 6,
-  OS_ERROR_TIMEOUT = 7,        /* select: nothing ready within the wait */
+  OS_ERROR_TIMEOUT = 7,          /* select: nothing ready within the wait */
   OS_ERROR_BUFFER_TOO_SMALL = 8, /* output was cut to fit */
   OS_ERROR_FILE_NOT_FOUND = 14,  /* the file does not exist */
   OS_ERROR_PATH_NOT_FOUND = 15,  /* a directory on the way does not exist */
@@ -44,24 +46,42 @@ enum {
   OS_ERROR_NOT_DIRECTORY = 17,
   OS_ERROR_IS_DIRECTORY = 18,
 
-  OS_ERROR_SOCKET = 300,            /* socket failure with no closer code */
+  OS_ERROR_SOCKET = 300, /* socket failure with no closer code */
   OS_ERROR_CONN_REFUSED = 301,
-  OS_ERROR_UNREACHABLE = 302,       /* host or network unreachable */
-  OS_ERROR_CONN_RESET = 303,        /* peer gone: connection reset */
-  OS_ERROR_WOULD_BLOCK = 304,       /* non-blocking call would block */
+  OS_ERROR_UNREACHABLE = 302, /* host or network unreachable */
+  OS_ERROR_CONN_RESET = 303,  /* peer gone: connection reset */
+  OS_ERROR_WOULD_BLOCK = 304, /* non-blocking call would block */
   OS_ERROR_ADDR_IN_USE = 305,
   OS_ERROR_ADDR_NOT_AVAIL = 306,
-  OS_ERROR_BAD_SOCKET = 307,        /* not an open socket */
-  OS_ERROR_IN_PROGRESS = 308,       /* non-blocking connect under way */
-  OS_ERROR_TIMED_OUT = 309,         /* connection timed out */
+  OS_ERROR_BAD_SOCKET = 307,  /* not an open socket */
+  OS_ERROR_IN_PROGRESS = 308, /* non-blocking connect under way */
+  OS_ERROR_TIMED_OUT = 309,   /* connection timed out */
   OS_ERROR_CONN_ABORTED_BY_PEER = 310,
-  OS_ERROR_BROKEN_PIPE = 311,       /* peer gone: broken pipe */
+  OS_ERROR_BROKEN_PIPE = 311, /* peer gone: broken pipe */
   OS_ERROR_IS_CONNECTED = 312,
-  OS_ERROR_NOT_CONNECTED = 313,     /* peer gone: not connected */
+  OS_ERROR_NOT_CONNECTED = 313, /* peer gone: not connected */
   OS_ERROR_HOST_NOT_FOUND = 314,
-  OS_ERROR_RETRY = 317,             /* interrupted or try again: repeat the call */
-  OS_ERROR_SELECT_RETRY = 325       /* select interrupted: repeat the call */
+  OS_ERROR_RETRY = 317,       /* interrupted or try again: repeat the call */
+  OS_ERROR_SELECT_RETRY = 325 /* select interrupted: repeat the call */
 };
+
+/* How operating-system errors become codes.
+ *
+ * Files and directories: ENOENT naming the file itself -> FILE_NOT_FOUND (14);
+ * ENOENT or ENOTDIR for a directory on the way -> PATH_NOT_FOUND (15) (for a
+ * delete or a rename, decided by whether the parent directory exists);
+ * ENOSPC/EDQUOT -> NO_SPACE (16); EACCES/EPERM/EROFS -> ACCESS_DENIED (5);
+ * EEXIST/ENOTEMPTY -> ALREADY_EXISTS (6); EISDIR -> IS_DIRECTORY (18);
+ * ENOMEM -> NO_MEMORY (3); EINVAL/EFAULT/EBADF/ENAMETOOLONG ->
+ * INVALID_PARAMETER (2); others GENERAL (1).
+ *
+ * Sockets: ECONNREFUSED 301, EHOSTUNREACH/ENETUNREACH 302, ECONNRESET 303,
+ * EAGAIN/EWOULDBLOCK 304 (send, receive or accept on a non-blocking socket),
+ * EADDRINUSE 305, EADDRNOTAVAIL 306, EBADF/ENOTSOCK 307, EINPROGRESS 308,
+ * ETIMEDOUT 309, ECONNABORTED 310, EPIPE 311, EISCONN 312, ENOTCONN 313,
+ * EINTR 317 (send, receive, accept, connect), EINTR in a select 325, any other
+ * socket error 300. Name resolution: unknown name 314, temporary failure 317.
+ */
 
 /* Turns an error value of osShareMemory or the osQueue* calls into its detail
  * code (the operating system's error number behind it); 0 for OS_OK. The low
@@ -70,13 +90,17 @@ int osGetSpecificErrorCode(int errorValue);
 
 /* ---- Paths and KESTRIN_ROOT ------------------------------------------ */
 
-/* Maps the fixed absolute path `path` under KESTRIN_ROOT (unchanged when the
- * variable is unset or empty) into `out`. Returns OS_ERROR_BUFFER_TOO_SMALL
- * (with `out` holding as much as fits, terminated) when it does not fit. */
+/* Maps the fixed absolute path `path` under KESTRIN_ROOT into `out`: R +
+ * path, with trailing slashes of R dropped so that none is doubled. The path
+ * is unchanged when the variable is unset, empty or "/", and when `path` is
+ * relative. Returns OS_ERROR_BUFFER_TOO_SMALL (with `out` holding as much as
+ * fits, terminated) when it does not fit. */
 int osMapPath(const char* path, char* out, size_t outSize);
 
 /* Makes a named IPC resource's name distinct per root: `name` itself without
- * a root, else `name` followed by "_" and a hash of the root directory. */
+ * a root (as for osMapPath), else `name` followed by "_" and 16 lower-case
+ * hex digits of the 64-bit FNV-1a hash of the root (trailing slashes
+ * dropped). Too small an `out`: OS_ERROR_BUFFER_TOO_SMALL, cut to fit. */
 int osMapIpcName(const char* name, char* out, size_t outSize);
 
 /* Kinds of osGetPath. */
@@ -104,10 +128,13 @@ int osItoaEx(long value, char* buffer, size_t size, int isSigned);
 
 typedef void (*tOsTaskEntry)(void* argument);
 
-/* Starts a detached thread running entry(argument). `name` may be empty or
- * null; `priority` is accepted and ignored (all threads share the process's
- * scheduling); a `stackSize` below what the platform needs is raised to its
- * default. `taskId` (may be null) receives the new thread's id. */
+/* Starts a detached thread running entry(argument). Task ids are kernel
+ * thread ids (gettid; the main thread's equals the process id). `name` (may
+ * be empty or null) names the thread, cut to 15 characters, before `entry`
+ * runs; `priority` is accepted and ignored (all threads share the process's
+ * scheduling); a `stackSize` below max(PTHREAD_STACK_MIN, 256 KiB) gets the
+ * platform default instead. `taskId` (may be null) receives the new thread's
+ * id; the call returns once the thread has started. */
 int osCreateTask(const char* name, int priority, unsigned long stackSize, tOsTaskEntry entry,
                  void* argument, unsigned long* taskId);
 
@@ -136,13 +163,19 @@ int osCleanupLwtMutex(unsigned long* mutex);
 /* A handle to an open file; 0 is never a valid handle. */
 typedef uintptr_t tOsFile;
 
-/* Opens `path` with an fopen mode ("r", "w", "a", "a+", ...). A directory may
- * be opened in mode "r" (to test that it exists). */
+/* Opens `path` with an fopen mode ("r", "w", "a", "a+", ...); the handle wraps
+ * a stdio stream, opened close-on-exec. A directory may be opened in mode "r"
+ * (to test that it exists); in a writing mode it gives OS_ERROR_IS_DIRECTORY.
+ * Missing file: OS_ERROR_FILE_NOT_FOUND; missing directory on the way:
+ * OS_ERROR_PATH_NOT_FOUND. */
 int osOpenFile(const char* path, const char* mode, tOsFile* file);
+
+/* Closes the handle (always, even when flushing fails; the failure, e.g.
+ * OS_ERROR_NO_SPACE, is still returned). */
 int osCloseFile(tOsFile file);
 
 /* Creates one directory (mode 0777 before umask); an existing one gives
- * OS_ERROR_ALREADY_EXISTS. */
+ * OS_ERROR_ALREADY_EXISTS, a missing parent OS_ERROR_PATH_NOT_FOUND. */
 int osMakeDir(const char* path);
 
 /* Deletes a file: OS_ERROR_FILE_NOT_FOUND when it does not exist,
@@ -150,15 +183,21 @@ int osMakeDir(const char* path);
 int osDeleteFile(const char* path);
 
 /* Renames `from` to `to`, replacing `to`; OS_ERROR_FILE_NOT_FOUND when `from`
- * does not exist. */
+ * does not exist, OS_ERROR_PATH_NOT_FOUND when a directory on the way to
+ * either does not. */
 int osMoveFile(const char* from, const char* to);
 
 /* ---- Shared memory ----------------------------------------------------- */
 
 /* Creates, or attaches to, the named shared segment of `size` bytes (the name
- * is mapped per root with osMapIpcName) and stores its address in `*address`.
- * A new segment is zero-filled. The segment outlives the process. Failures
- * are error values for osGetSpecificErrorCode. */
+ * is mapped per root with osMapIpcName; a leading "/" is optional, no other
+ * "/" is allowed) and stores its address in `*address`. An existing segment
+ * smaller than `size` is grown, never shrunk; new bytes are zero. Each call
+ * maps the segment again; the mapping lasts until the process ends. The
+ * segment outlives the process. Operating-system failures are error values
+ * for osGetSpecificErrorCode (general code in the low 16 bits, errno above:
+ * value & 0xffff is the OS_ERROR_* code); invalid arguments give plain
+ * OS_ERROR_INVALID_PARAMETER. */
 int osShareMemory(const char* name, size_t size, void** address);
 
 /* Removes the named segment (for tests and tools; the daemon never does). */
@@ -166,8 +205,16 @@ int osUnshareMemory(const char* name);
 
 /* ---- Named queues ------------------------------------------------------ */
 
-/* Looks up the named message queue (mapped per root), creating it when it
- * does not exist, and stores its id. */
+/* Looks up the named message queue (mapped per root, named as for
+ * osShareMemory), creating it when it does not exist, and stores its id. The
+ * same process gets the same id for the same name until osQueueDelete.
+ *
+ * The queue calls return the plain codes they name below (WOULD_BLOCK,
+ * TIMEOUT, BUFFER_TOO_SMALL, INVALID_PARAMETER); other operating-system
+ * failures are error values for osGetSpecificErrorCode, as for
+ * osShareMemory. A message may be up to the system's default message size
+ * (8192 bytes on a standard Linux) long; a longer one is an invalid
+ * parameter. */
 int osQueueGetId(const char* name, long* queueId);
 
 /* Sends `length` bytes as one message without waiting: OS_ERROR_WOULD_BLOCK
@@ -175,31 +222,39 @@ int osQueueGetId(const char* name, long* queueId);
 int osQueueSend(long queueId, const void* data, size_t length);
 
 /* Receives one message into `buffer`, waiting at most `timeoutMs` (negative:
- * forever): OS_ERROR_TIMEOUT when nothing arrived. For tests and tools. */
+ * forever): OS_ERROR_TIMEOUT when nothing arrived. A message longer than
+ * `size` is taken off the queue, cut to `size` bytes and reported with
+ * OS_ERROR_BUFFER_TOO_SMALL (with `*received` set). For tests and tools. */
 int osQueueReceive(long queueId, void* buffer, size_t size, size_t* received, long timeoutMs);
 
-/* Removes the named queue (for tests and tools). */
+/* Removes the named queue (for tests and tools) and forgets this process's
+ * id for it. */
 int osQueueDelete(const char* name);
 
 /* ---- Processes --------------------------------------------------------- */
 
 int osGetProcessId(unsigned long* processId);
 
-/* The file name (without directories) of the executable of task `taskId`;
- * 0 names the calling process. */
+/* The file name (without directories) of the executable of task `taskId`
+ * (a process id, or a thread id as osGetTaskId gives); 0 names the calling
+ * process. OS_ERROR_FILE_NOT_FOUND when there is no such task;
+ * OS_ERROR_BUFFER_TOO_SMALL (with the name cut to fit) when it does not fit. */
 int osGetProcessFileName(unsigned long taskId, char* buffer, size_t size);
 
 /* States of a named process state (osGetProcessState). */
 enum {
-  OS_PROCESS_STATE_NEW = 0,     /* the name was free: the caller now holds it */
-  OS_PROCESS_STATE_HELD = 1,    /* another live process holds the name */
+  OS_PROCESS_STATE_NEW = 0,      /* the name was free: the caller now holds it */
+  OS_PROCESS_STATE_HELD = 1,     /* another live process holds the name */
   OS_PROCESS_STATE_RECLAIMED = 2 /* the name's last holder has ended: the caller now holds it */
 };
 
 /* Claims the process-wide name `name` (mapped per root) for the calling
  * process until it ends, and tells who held it. The claim cannot go stale: it
- * is released by the kernel when the process ends, however it ends. A process
- * that already holds the name gets OS_PROCESS_STATE_NEW again. */
+ * is an flock on a lock file in /run/lock (or /tmp where /run/lock is not
+ * writable), released by the kernel when the process ends, however it ends.
+ * A process that already holds the name gets OS_PROCESS_STATE_NEW again.
+ * Children made by fork share the claim (a daemonising child keeps it, and a
+ * forked child asking gets OS_PROCESS_STATE_NEW); exec drops it. */
 int osGetProcessState(const char* name, int* state);
 
 /* ---- TCP --------------------------------------------------------------- */
@@ -215,7 +270,7 @@ typedef struct tOsIpListEntry {
   uint32_t ipAddress;
   uint32_t netMask;
   uint32_t broadcastAddress;
-  uint32_t flags;          /* the interface's IFF_* flags */
+  uint32_t flags; /* the interface's IFF_* flags */
   uint32_t interfaceIndex;
 } tOsIpListEntry;
 
@@ -230,11 +285,13 @@ typedef struct tOsHostEntry {
 enum { OS_SOCK_STREAM = 1, OS_SOCK_DGRAM = 2 };
 enum { OS_IPPROTO_TCP = 6, OS_IPPROTO_UDP = 17 };
 
-uint16_t osHtoNs(uint16_t value);
-uint32_t osHtoNl(uint32_t value);
-uint16_t osNtoHs(uint16_t value);
-uint32_t osNtoHl(uint32_t value);
+uint16_t osTCPHostToNetworkShort(uint16_t value);
+uint32_t osTCPHostToNetworkLong(uint32_t value);
+uint16_t osTCPNetworkToHostShort(uint16_t value);
+uint32_t osTCPNetworkToHostLong(uint32_t value);
 
+/* Sockets are IPv4 and close-on-exec; a socket id is a file descriptor. An id
+ * that is not open gives OS_ERROR_BAD_SOCKET. */
 int osTCPSocket(int type, int protocol, long* socket);
 int osTCPClose(long socket);
 int osTCPConnect(long socket, const tOsTCPSocketAddress* address);
@@ -254,9 +311,13 @@ int osTCPRecv(long socket, void* buffer, int length, int flags, int* count);
 /* Waits until at least one of the `*count` sockets in `sockets` is readable
  * (osTCPSelect) or writable (osTCPSelectWrite), at most `timeoutMs`
  * milliseconds (negative: no time-out). On OS_OK the array is rewritten in
- * place: the ready sockets first, then -1 if room remains, and `*count` is
- * the number ready. Nothing ready in time gives OS_ERROR_TIMEOUT; an
- * interrupted wait gives OS_ERROR_SELECT_RETRY. */
+ * place: the ready sockets first, then -1 in every remaining entry, and
+ * `*count` is the number ready. Entries below zero are skipped. A socket with
+ * an error or a closed peer counts as ready (the next call on it tells
+ * which). Nothing ready in time gives OS_ERROR_TIMEOUT; an interrupted wait
+ * gives OS_ERROR_SELECT_RETRY; a closed descriptor in the array gives
+ * OS_ERROR_BAD_SOCKET (array untouched); an empty array with no time-out is
+ * an invalid parameter. Built on poll(): no FD_SETSIZE limit. */
 int osTCPSelect(long* sockets, int* count, long timeoutMs);
 int osTCPSelectWrite(long* sockets, int* count, long timeoutMs);
 
@@ -265,6 +326,11 @@ int osTCPSetReuseAddr(long socket, int reuse);
 int osTCPSetRcvBuf(long socket, long size);
 int osTCPSetSndBuf(long socket, long size);
 
+/* The local address a socket is bound to (e.g. the port picked by a bind to
+ * port 0). */
+int osTCPGetLocalAddress(long socket, tOsTCPSocketAddress* address);
+
+/* The host name; OS_ERROR_BUFFER_TOO_SMALL (cut to fit) when it does not fit. */
 int osTCPGetHostName(char* buffer, size_t size);
 
 /* Fills `entries` (of `bufferSize` bytes) with the IPv4 addresses of this
@@ -272,11 +338,82 @@ int osTCPGetHostName(char* buffer, size_t size);
  * than fit, the buffer is filled and `*count` equals its capacity. */
 int osTCPGetIpListEx(tOsIpListEntry* entries, unsigned long bufferSize, unsigned long* count);
 
-/* "a.b.c.d:port" */
+/* "a.b.c.d:port"; OS_ERROR_BUFFER_TOO_SMALL (cut to fit) when it does not fit. */
 int osTCPAddressToString(const tOsTCPSocketAddress* address, char* buffer, size_t size);
 
-/* Resolves a host name or dotted quad to its IPv4 addresses. */
+/* Resolves a host name or dotted quad to its distinct IPv4 addresses (at most
+ * OS_MAX_HOST_ADDRESSES): OS_ERROR_HOST_NOT_FOUND when it has none,
+ * OS_ERROR_RETRY when the resolver failed for now. */
 int osGetHostByName(const char* hostName, tOsHostEntry* entry);
+
+/* ---- Time of day and the system log --------------------------------- */
+
+/* The wall-clock time (gettimeofday). */
+int osGetTimeOfDay(long* seconds, long* microseconds);
+
+/* syslog priorities. */
+enum {
+  OS_LOG_CRIT = 2,
+  OS_LOG_ERR = 3,
+  OS_LOG_WARNING = 4,
+  OS_LOG_INFO = 6,
+  OS_LOG_DEBUG = 7
+};
+
+/* openlog with LOG_CONS and LOG_DAEMON; `ident` must stay valid. */
+void osOpenSyslog(const char* ident);
+void osCloseSyslog(void);
+/* Formats and writes one line to the system log. */
+void osSyslog(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+/* ---- System V IPC: the request queue and the registration semaphore ---- */
+/* Failures are error values for osGetSpecificErrorCode (the errno behind
+ * them), except where a plain code is named. */
+
+/* ftok of `path` (used as given: map fixed paths with osMapPath first). */
+int osSysVKey(const char* path, int projectId, int* key);
+
+/* msgget of `key` with permissions 0666, adding IPC_CREAT when `create`. */
+int osSysVQueueOpen(int key, int create, int* queueId);
+
+/* msgsnd of `textSize` bytes of text; `message` starts with the long type
+ * word. With `noWait` a full queue gives the plain OS_ERROR_WOULD_BLOCK; an
+ * interrupted wait gives OS_ERROR_RETRY (with EINTR as its detail). */
+int osSysVQueueSend(int queueId, const void* message, size_t textSize, int noWait);
+
+/* msgrcv of at most `maxTextSize` bytes of text, any type word, into
+ * `message` (type word first); `*textSize` receives the text size. With
+ * `noWait` an empty queue gives the plain OS_ERROR_WOULD_BLOCK; an
+ * interrupted wait gives OS_ERROR_RETRY (detail EINTR); a message longer
+ * than the buffer stays queued and gives OS_ERROR_BUFFER_TOO_SMALL (detail
+ * E2BIG). */
+int osSysVQueueReceive(int queueId, void* message, size_t maxTextSize, int noWait,
+                       long* textSize);
+
+/* The queue's message count and byte limit (msgctl IPC_STAT). */
+int osSysVQueueStat(int queueId, unsigned long* messageCount, unsigned long* byteLimit);
+/* Sets the byte limit (msgctl IPC_SET); raising it above the system's
+ * msgmnb needs privileges the caller may lack (detail EPERM). */
+int osSysVQueueSetByteLimit(int queueId, unsigned long byteLimit);
+/* Removes the queue (tests and tools; the daemon never does). */
+int osSysVQueueRemove(int queueId);
+
+/* semget of one semaphore with permissions 0666, adding IPC_CREAT. */
+int osSysVSemaphoreOpen(int key, int create, int* semaphoreId);
+int osSysVSemaphoreSetValue(int semaphoreId, int value);
+int osSysVSemaphoreGetValue(int semaphoreId, int* value);
+/* semop of `delta` on semaphore 0 with no flags (no SEM_UNDO): blocks while
+ * the value would go negative; resumes after signals. */
+int osSysVSemaphoreAdd(int semaphoreId, int delta);
+int osSysVSemaphoreRemove(int semaphoreId);
+
+/* ---- Signals ------------------------------------------------------------ */
+
+typedef void (*tOsSignalHandler)(int signalNumber);
+
+/* sigaction with an empty mask and no flags (no SA_RESTART, so a signal
+ * interrupts a blocking queue receive). */
+int osSetSignalHandler(int signalNumber, tOsSignalHandler handler);
 
 /* ---- Fault injection (tests) ------------------------------------------- */
 
@@ -296,6 +433,11 @@ typedef struct tOsaOverrides {
   int (*sleep)(unsigned long milliseconds);
   /* Replaces osGetClock when set; returning OSA_CALL_REAL is not possible here. */
   unsigned long (*clock)(void);
+  /* Replaces osGetTimeOfDay when set. */
+  int (*timeOfDay)(long* seconds, long* microseconds);
+  /* Sees every osSyslog line (already formatted); return OSA_CALL_REAL to let
+   * it reach syslog as well. */
+  int (*syslog)(int priority, const char* text);
 } tOsaOverrides;
 
 void osSetOverrides(const tOsaOverrides* overrides);

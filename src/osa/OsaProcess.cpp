@@ -1,0 +1,159 @@
+// Process information and the named single-instance claim.
+//
+// A claim on a name is an flock(LOCK_EX) on a lock file named after the name
+// (mapped per root). The kernel drops the lock when the last descriptor of it
+// closes, that is when the holder ends however it ends, so a claim can never
+// go stale. The descriptor is inherited across fork, so a daemonising child
+// keeps its parent's claim, and closed on exec (O_CLOEXEC), so a program the
+// holder starts does not.
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+#include <string>
+
+#include "osa/OsaInternal.h"
+#include "osa/osa.h"
+
+namespace {
+
+// Names this process holds, with the descriptor carrying each lock. The
+// descriptors stay open until the process ends. Guarded by g_claimsLock.
+pthread_mutex_t g_claimsLock = PTHREAD_MUTEX_INITIALIZER;
+std::map<std::string, int>* g_claims = nullptr;  // never freed: lives as long as the locks
+
+// The directory for lock files: /run/lock where this process may write,
+// else /tmp.
+const char* lock_directory() {
+  return access("/run/lock", W_OK | X_OK) == 0 ? "/run/lock" : "/tmp";
+}
+
+// Opens the lock file, telling whether this call created it.
+int open_lock_file(const std::string& path, bool* created) {
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd >= 0) {
+      // Lock files are shared between users (sudo and not): umask must not
+      // take write permission away from the others.
+      fchmod(fd, 0666);
+      *created = true;
+      return fd;
+    }
+    if (errno == EINTR) continue;
+    if (errno != EEXIST) return -errno;
+    fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0 && errno == EACCES) fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+      *created = false;
+      return fd;
+    }
+    if (errno != ENOENT && errno != EINTR) return -errno;
+    // Removed between the two opens: try again.
+  }
+  return -EAGAIN;
+}
+
+// Takes the lock without waiting: OS_OK, OS_ERROR_ALREADY_EXISTS when another
+// open file description holds it, or an error code.
+int try_lock(int fd) {
+  while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK) return OS_ERROR_ALREADY_EXISTS;
+    if (errno != EINTR) return osa_internal::file_error_from_errno(errno);
+  }
+  return OS_OK;
+}
+
+// Claims `path` for this process (called with g_claimsLock held).
+int claim_lock_file(const std::string& path, int* state) {
+  bool created = false;
+  int fd = open_lock_file(path, &created);
+  if (fd < 0) return osa_internal::file_error_from_errno(-fd);
+  int rc = try_lock(fd);
+  if (rc == OS_ERROR_ALREADY_EXISTS) {
+    close(fd);
+    *state = OS_PROCESS_STATE_HELD;
+    return OS_OK;
+  }
+  if (rc != OS_OK) {
+    close(fd);
+    return rc;
+  }
+  if (g_claims == nullptr) g_claims = new std::map<std::string, int>;
+  (*g_claims)[path] = fd;
+  *state = created ? OS_PROCESS_STATE_NEW : OS_PROCESS_STATE_RECLAIMED;
+  return OS_OK;
+}
+
+}  // namespace
+
+namespace osa_internal {
+
+std::string process_state_lock_path(const char* name) {
+  char mapped[NAME_MAX + 1];
+  if (name == nullptr || name[0] == '\0' ||
+      osMapIpcName(name, mapped, sizeof mapped - 16) != OS_OK) {
+    return std::string();
+  }
+  // The name becomes one file name: slashes would make it a path.
+  for (char* c = mapped; *c != '\0'; ++c) {
+    if (*c == '/') *c = '_';
+  }
+  return std::string(lock_directory()) + "/kestrin-" + mapped + ".lock";
+}
+
+}  // namespace osa_internal
+
+int osGetProcessId(unsigned long* processId) {
+  if (processId == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  *processId = static_cast<unsigned long>(getpid());
+  return OS_OK;
+}
+
+int osGetProcessFileName(unsigned long taskId, char* buffer, size_t size) {
+  if (buffer == nullptr || size == 0) return OS_ERROR_INVALID_PARAMETER;
+  char link[64];
+  if (taskId == 0) {
+    snprintf(link, sizeof link, "/proc/self/exe");
+  } else {
+    snprintf(link, sizeof link, "/proc/%lu/exe", taskId);
+  }
+  char target[PATH_MAX + 1];
+  ssize_t length = readlink(link, target, sizeof target - 1);
+  if (length < 0) {
+    return errno == ENOENT ? OS_ERROR_FILE_NOT_FOUND : osa_internal::file_error_from_errno(errno);
+  }
+  target[length] = '\0';
+  // An executable replaced while running reads as "path (deleted)".
+  static const char DELETED[] = " (deleted)";
+  size_t deletedLength = sizeof DELETED - 1;
+  if (static_cast<size_t>(length) > deletedLength &&
+      strcmp(target + length - deletedLength, DELETED) == 0) {
+    target[length - deletedLength] = '\0';
+  }
+  const char* slash = strrchr(target, '/');
+  const char* base = slash == nullptr ? target : slash + 1;
+  osLStrCpyn(buffer, base, size);
+  return strlen(base) < size ? OS_OK : OS_ERROR_BUFFER_TOO_SMALL;
+}
+
+int osGetProcessState(const char* name, int* state) {
+  if (name == nullptr || name[0] == '\0' || state == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  std::string path = osa_internal::process_state_lock_path(name);
+  if (path.empty()) return OS_ERROR_INVALID_PARAMETER;
+  pthread_mutex_lock(&g_claimsLock);
+  int rc = OS_OK;
+  if (g_claims != nullptr && g_claims->count(path) != 0) {
+    *state = OS_PROCESS_STATE_NEW;
+  } else {
+    rc = claim_lock_file(path, state);
+  }
+  pthread_mutex_unlock(&g_claimsLock);
+  return rc;
+}

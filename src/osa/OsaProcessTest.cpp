@@ -1,0 +1,287 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "osa/OsaInternal.h"
+#include "osa/OsaTestSupport.h"
+#include "osa/osa.h"
+
+namespace {
+
+using osa_test::Child;
+using osa_test::ScopedEnv;
+using osa_test::unique_name;
+
+// Removes the lock file of a name at scope end, so runs leave nothing behind.
+class ClaimName {
+ public:
+  explicit ClaimName(const char* stem) : name_(unique_name(stem)) {}
+  ~ClaimName() { unlink(osa_internal::process_state_lock_path(name_.c_str()).c_str()); }
+  const char* Get() const { return name_.c_str(); }
+
+ private:
+  std::string name_;
+};
+
+int state_of(const char* name) {
+  int state = -1;
+  int rc = osGetProcessState(name, &state);
+  return rc == OS_OK ? state : -100 - rc;
+}
+
+// Whether a lock on the name's file, taken through a descriptor of its own,
+// is refused: someone holds the claim.
+bool locked_elsewhere(const char* name) {
+  int fd = open(osa_internal::process_state_lock_path(name).c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool refused = flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  close(fd);
+  return refused;
+}
+
+// Child bodies: each gets the name to claim and returns the state it saw.
+int claim_in_child(void* name) { return state_of(static_cast<const char*>(name)); }
+
+// Claims, then leaves the claim to a grandchild, as a daemon does when it
+// forks and its parent exits. Returns the state once the claimant has exited.
+int claim_and_daemonize(void* name) {
+  int state = state_of(static_cast<const char*>(name));
+  pid_t grandchild = fork();
+  if (grandchild == 0) {
+    for (int i = 0; i < 600; ++i) sleep(1);  // outlives the test; killed by it
+    _exit(0);
+  }
+  return grandchild > 0 ? state * 1000000 + grandchild : -1;
+}
+
+TEST(OsaGetProcessId, IsThisProcess) {
+  unsigned long pid = 0;
+  ASSERT_EQ(OS_OK, osGetProcessId(&pid));
+  EXPECT_EQ(static_cast<unsigned long>(getpid()), pid);
+  EXPECT_EQ(OS_ERROR_INVALID_PARAMETER, osGetProcessId(nullptr));
+}
+
+TEST(OsaGetProcessFileName, OwnExecutableWithoutDirectories) {
+  char name[64];
+  ASSERT_EQ(OS_OK, osGetProcessFileName(0, name, sizeof name));
+  EXPECT_STREQ("osa_test", name);
+}
+
+TEST(OsaGetProcessFileName, ByProcessIdAndByTaskId) {
+  char name[64];
+  ASSERT_EQ(OS_OK, osGetProcessFileName(static_cast<unsigned long>(getpid()), name, sizeof name));
+  EXPECT_STREQ("osa_test", name);
+  unsigned long task = 0;
+  osGetTaskId(&task);
+  ASSERT_EQ(OS_OK, osGetProcessFileName(task, name, sizeof name));
+  EXPECT_STREQ("osa_test", name);
+}
+
+TEST(OsaGetProcessFileName, OtherProgram) {
+  pid_t child = fork();
+  if (child == 0) {
+    execl("/bin/sleep", "sleep", "30", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  ASSERT_GT(child, 0);
+  char name[64] = "";
+  // Until the exec has happened the child still runs this program.
+  for (int i = 0; i < 500; ++i) {
+    if (osGetProcessFileName(static_cast<unsigned long>(child), name, sizeof name) == OS_OK &&
+        strcmp(name, "sleep") == 0) {
+      break;
+    }
+    usleep(10000);
+  }
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  EXPECT_STREQ("sleep", name);
+}
+
+TEST(OsaGetProcessFileName, MissingProcessIsFileNotFound) {
+  pid_t child = fork();
+  if (child == 0) _exit(0);
+  ASSERT_GT(child, 0);
+  waitpid(child, nullptr, 0);  // reaped: the id names no process now
+  char name[64] = "untouched";
+  EXPECT_EQ(OS_ERROR_FILE_NOT_FOUND,
+            osGetProcessFileName(static_cast<unsigned long>(child), name, sizeof name));
+}
+
+TEST(OsaGetProcessFileName, TooSmallBufferIsCut) {
+  char name[5];
+  EXPECT_EQ(OS_ERROR_BUFFER_TOO_SMALL, osGetProcessFileName(0, name, sizeof name));
+  EXPECT_STREQ("osa_", name);
+  char exact[9];  // "osa_test" and the terminator
+  EXPECT_EQ(OS_OK, osGetProcessFileName(0, exact, sizeof exact));
+  EXPECT_STREQ("osa_test", exact);
+}
+
+TEST(OsaGetProcessFileName, InvalidArguments) {
+  char name[8];
+  EXPECT_EQ(OS_ERROR_INVALID_PARAMETER, osGetProcessFileName(0, nullptr, 8));
+  EXPECT_EQ(OS_ERROR_INVALID_PARAMETER, osGetProcessFileName(0, name, 0));
+}
+
+TEST(OsaGetProcessState, FreshNameIsNew) {
+  ClaimName name("OsaFresh");
+  EXPECT_EQ(OS_PROCESS_STATE_NEW, state_of(name.Get()));
+}
+
+TEST(OsaGetProcessState, HolderAskingAgainGetsNew) {
+  ClaimName name("OsaAgain");
+  EXPECT_EQ(OS_PROCESS_STATE_NEW, state_of(name.Get()));
+  EXPECT_EQ(OS_PROCESS_STATE_NEW, state_of(name.Get()));
+}
+
+TEST(OsaGetProcessState, LiveHolderInAnotherProcessIsHeld) {
+  ClaimName name("OsaHeld");
+  Child child(claim_in_child, const_cast<char*>(name.Get()), true);
+  ASSERT_EQ(OS_PROCESS_STATE_NEW, child.Result());
+  EXPECT_EQ(OS_PROCESS_STATE_HELD, state_of(name.Get()));
+  // Still held on a second look: a refused claim leaves nothing behind.
+  EXPECT_EQ(OS_PROCESS_STATE_HELD, state_of(name.Get()));
+}
+
+TEST(OsaGetProcessState, KilledHolderReleasesTheName) {
+  ClaimName name("OsaKilled");
+  Child child(claim_in_child, const_cast<char*>(name.Get()), true);
+  ASSERT_EQ(OS_PROCESS_STATE_NEW, child.Result());
+  ASSERT_EQ(OS_PROCESS_STATE_HELD, state_of(name.Get()));
+  child.Kill();
+  EXPECT_EQ(OS_PROCESS_STATE_RECLAIMED, state_of(name.Get()));
+  // Now this process holds it: a lock taken through another descriptor fails.
+  EXPECT_TRUE(locked_elsewhere(name.Get()));
+}
+
+TEST(OsaGetProcessState, ForkedChildOfTheHolderSharesTheClaim) {
+  ClaimName name("OsaShared");
+  ASSERT_EQ(OS_PROCESS_STATE_NEW, state_of(name.Get()));
+  EXPECT_TRUE(locked_elsewhere(name.Get()));
+  Child child(claim_in_child, const_cast<char*>(name.Get()), false);
+  EXPECT_EQ(OS_PROCESS_STATE_NEW, child.Result());
+  child.Wait();
+  // The child's end does not release the claim this process still holds.
+  EXPECT_TRUE(locked_elsewhere(name.Get()));
+}
+
+TEST(OsaGetProcessState, DaemonizingChildKeepsTheClaim) {
+  ClaimName name("OsaDaemon");
+  Child child(claim_and_daemonize, const_cast<char*>(name.Get()), false);
+  int result = child.Result();
+  ASSERT_GE(result, 0);
+  pid_t grandchild = result % 1000000;
+  EXPECT_EQ(OS_PROCESS_STATE_NEW, result / 1000000);
+  EXPECT_EQ(0, child.Wait());  // the claimant itself has ended
+  EXPECT_EQ(OS_PROCESS_STATE_HELD, state_of(name.Get()));
+  kill(grandchild, SIGKILL);
+  // The grandchild is not ours to reap; wait until it is gone.
+  int state = OS_PROCESS_STATE_HELD;
+  for (int i = 0; i < 500 && state == OS_PROCESS_STATE_HELD; ++i) {
+    usleep(10000);
+    state = state_of(name.Get());
+  }
+  EXPECT_EQ(OS_PROCESS_STATE_RECLAIMED, state);
+}
+
+TEST(OsaGetProcessState, ExecDropsTheClaim) {
+  ClaimName name("OsaExec");
+  int pipeFds[2];
+  ASSERT_EQ(0, pipe(pipeFds));
+  pid_t child = fork();
+  if (child == 0) {
+    close(pipeFds[0]);
+    int state = state_of(name.Get());  // claimed, then exec'd away below
+    ssize_t ignored = write(pipeFds[1], &state, sizeof state);
+    (void)ignored;
+    execl("/bin/sleep", "sleep", "30", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(pipeFds[1]);
+  int state = -1;
+  ASSERT_EQ(static_cast<ssize_t>(sizeof state), read(pipeFds[0], &state, sizeof state));
+  close(pipeFds[0]);
+  EXPECT_EQ(OS_PROCESS_STATE_NEW, state);
+  // Once the child runs the other program, its claim is gone though it lives.
+  char program[64] = "";
+  for (int i = 0; i < 500 && strcmp(program, "sleep") != 0; ++i) {
+    usleep(10000);
+    osGetProcessFileName(static_cast<unsigned long>(child), program, sizeof program);
+  }
+  EXPECT_STREQ("sleep", program);
+  EXPECT_EQ(OS_PROCESS_STATE_RECLAIMED, state_of(name.Get()));
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+}
+
+TEST(OsaGetProcessState, LeftoverLockFileIsReclaimed) {
+  ClaimName name("OsaLeftover");
+  std::string path = osa_internal::process_state_lock_path(name.Get());
+  int fd = open(path.c_str(), O_CREAT | O_WRONLY, 0666);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  EXPECT_EQ(OS_PROCESS_STATE_RECLAIMED, state_of(name.Get()));
+}
+
+TEST(OsaGetProcessState, DistinctRootsDoNotExcludeEachOther) {
+  ClaimName name("OsaRoots");
+  std::string pathA, pathB;
+  {
+    ScopedEnv root("KESTRIN_ROOT", "/tmp/kestrin-root-a");
+    pathA = osa_internal::process_state_lock_path(name.Get());
+    Child child(claim_in_child, const_cast<char*>(name.Get()), true);
+    ASSERT_EQ(OS_PROCESS_STATE_NEW, child.Result());
+    EXPECT_EQ(OS_PROCESS_STATE_HELD, state_of(name.Get()));
+    {
+      ScopedEnv other("KESTRIN_ROOT", "/tmp/kestrin-root-b");
+      pathB = osa_internal::process_state_lock_path(name.Get());
+      EXPECT_EQ(OS_PROCESS_STATE_NEW, state_of(name.Get()));
+    }
+  }
+  EXPECT_NE(pathA, pathB);
+  unlink(pathA.c_str());
+  unlink(pathB.c_str());
+}
+
+TEST(OsaGetProcessState, LockFileIsNamedAfterTheMappedName) {
+  ScopedEnv root("KESTRIN_ROOT", nullptr);
+  std::string path = osa_internal::process_state_lock_path("SPIM_kestrin");
+  const char* directory = access("/run/lock", W_OK | X_OK) == 0 ? "/run/lock" : "/tmp";
+  EXPECT_EQ(std::string(directory) + "/kestrin-SPIM_kestrin.lock", path);
+  EXPECT_EQ(std::string(directory) + "/kestrin-a_b.lock",
+            osa_internal::process_state_lock_path("a/b"));
+}
+
+TEST(OsaGetProcessState, ThreadsOfOneProcessAllGetNew) {
+  ClaimName name("OsaThreads");
+  std::atomic<int> notNew{0};
+  std::thread threads[4];
+  for (auto& thread : threads) {
+    thread = std::thread([&] {
+      if (state_of(name.Get()) != OS_PROCESS_STATE_NEW) notNew++;
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(0, notNew.load());
+}
+
+TEST(OsaGetProcessState, InvalidArguments) {
+  int state = 42;
+  EXPECT_EQ(OS_ERROR_INVALID_PARAMETER, osGetProcessState(nullptr, &state));
+  EXPECT_EQ(OS_ERROR_INVALID_PARAMETER, osGetProcessState("", &state));
+  EXPECT_EQ(OS_ERROR_INVALID_PARAMETER, osGetProcessState("x", nullptr));
+  EXPECT_EQ(OS_ERROR_INVALID_PARAMETER, osGetProcessState(std::string(300, 'n').c_str(), &state));
+  EXPECT_EQ(42, state);
+}
+
+}  // namespace

@@ -1,0 +1,170 @@
+// System V IPC (the daemon's request queue and the registration semaphore),
+// the time of day, the system log and signal handlers.
+#include <errno.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <sys/sem.h>
+#include <sys/time.h>
+#include <syslog.h>
+
+#include "osa/OsaInternal.h"
+#include "osa/osa.h"
+
+namespace {
+
+int sysv_error(int error) {
+  int general;
+  switch (error) {
+    case EINTR: general = OS_ERROR_RETRY; break;
+    case E2BIG: general = OS_ERROR_BUFFER_TOO_SMALL; break;
+    case ENOENT: general = OS_ERROR_FILE_NOT_FOUND; break;
+    case EACCES:
+    case EPERM: general = OS_ERROR_ACCESS_DENIED; break;
+    case EINVAL: general = OS_ERROR_INVALID_PARAMETER; break;
+    case ENOMEM:
+    case ENOSPC: general = OS_ERROR_NO_MEMORY; break;
+    default: general = OS_ERROR_GENERAL; break;
+  }
+  return osa_internal::combined_error(general, error);
+}
+
+}  // namespace
+
+int osSysVKey(const char* path, int projectId, int* key) {
+  if (path == nullptr || key == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  key_t k = ftok(path, projectId);
+  if (k == static_cast<key_t>(-1)) return sysv_error(errno);
+  *key = static_cast<int>(k);
+  return OS_OK;
+}
+
+int osSysVQueueOpen(int key, int create, int* queueId) {
+  if (queueId == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  int id = msgget(static_cast<key_t>(key), 0666 | (create ? IPC_CREAT : 0));
+  if (id < 0) return sysv_error(errno);
+  *queueId = id;
+  return OS_OK;
+}
+
+int osSysVQueueSend(int queueId, const void* message, size_t textSize, int noWait) {
+  if (message == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  if (msgsnd(queueId, message, textSize, noWait ? IPC_NOWAIT : 0) == 0) return OS_OK;
+  if (errno == EAGAIN) return OS_ERROR_WOULD_BLOCK;
+  return sysv_error(errno);
+}
+
+int osSysVQueueReceive(int queueId, void* message, size_t maxTextSize, int noWait,
+                       long* textSize) {
+  if (message == nullptr || textSize == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  ssize_t n = msgrcv(queueId, message, maxTextSize, 0, noWait ? IPC_NOWAIT : 0);
+  if (n >= 0) {
+    *textSize = static_cast<long>(n);
+    return OS_OK;
+  }
+  if (errno == ENOMSG) return OS_ERROR_WOULD_BLOCK;
+  return sysv_error(errno);
+}
+
+int osSysVQueueStat(int queueId, unsigned long* messageCount, unsigned long* byteLimit) {
+  msqid_ds info{};
+  if (msgctl(queueId, IPC_STAT, &info) != 0) return sysv_error(errno);
+  if (messageCount != nullptr) *messageCount = info.msg_qnum;
+  if (byteLimit != nullptr) *byteLimit = info.msg_qbytes;
+  return OS_OK;
+}
+
+int osSysVQueueSetByteLimit(int queueId, unsigned long byteLimit) {
+  msqid_ds info{};
+  if (msgctl(queueId, IPC_STAT, &info) != 0) return sysv_error(errno);
+  info.msg_qbytes = byteLimit;
+  if (msgctl(queueId, IPC_SET, &info) != 0) return sysv_error(errno);
+  return OS_OK;
+}
+
+int osSysVQueueRemove(int queueId) {
+  if (msgctl(queueId, IPC_RMID, nullptr) != 0) return sysv_error(errno);
+  return OS_OK;
+}
+
+int osSysVSemaphoreOpen(int key, int create, int* semaphoreId) {
+  if (semaphoreId == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  int id = semget(static_cast<key_t>(key), 1, 0666 | (create ? IPC_CREAT : 0));
+  if (id < 0) return sysv_error(errno);
+  *semaphoreId = id;
+  return OS_OK;
+}
+
+int osSysVSemaphoreSetValue(int semaphoreId, int value) {
+  if (semctl(semaphoreId, 0, SETVAL, value) != 0) return sysv_error(errno);
+  return OS_OK;
+}
+
+int osSysVSemaphoreGetValue(int semaphoreId, int* value) {
+  if (value == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  int v = semctl(semaphoreId, 0, GETVAL);
+  if (v < 0) return sysv_error(errno);
+  *value = v;
+  return OS_OK;
+}
+
+int osSysVSemaphoreAdd(int semaphoreId, int delta) {
+  sembuf op{};
+  op.sem_num = 0;
+  op.sem_op = static_cast<short>(delta);
+  op.sem_flg = 0;
+  while (semop(semaphoreId, &op, 1) != 0) {
+    if (errno != EINTR) return sysv_error(errno);
+  }
+  return OS_OK;
+}
+
+int osSysVSemaphoreRemove(int semaphoreId) {
+  if (semctl(semaphoreId, 0, IPC_RMID) != 0) return sysv_error(errno);
+  return OS_OK;
+}
+
+int osGetTimeOfDay(long* seconds, long* microseconds) {
+  if (seconds == nullptr || microseconds == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  const tOsaOverrides* overrides = osa_internal::installed_overrides();
+  if (overrides != nullptr && overrides->timeOfDay != nullptr) {
+    int result = overrides->timeOfDay(seconds, microseconds);
+    if (result != OSA_CALL_REAL) return result;
+  }
+  timeval now{};
+  if (gettimeofday(&now, nullptr) != 0) return osa_internal::combined_error(OS_ERROR_GENERAL, errno);
+  *seconds = now.tv_sec;
+  *microseconds = now.tv_usec;
+  return OS_OK;
+}
+
+void osOpenSyslog(const char* ident) { openlog(ident, LOG_CONS, LOG_DAEMON); }
+
+void osCloseSyslog(void) { closelog(); }
+
+void osSyslog(int priority, const char* format, ...) {
+  char text[2048];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  const tOsaOverrides* overrides = osa_internal::installed_overrides();
+  if (overrides != nullptr && overrides->syslog != nullptr &&
+      overrides->syslog(priority, text) != OSA_CALL_REAL) {
+    return;
+  }
+  syslog(priority, "%s", text);
+}
+
+int osSetSignalHandler(int signalNumber, tOsSignalHandler handler) {
+  struct sigaction action {};
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = 0;
+  action.sa_handler = handler;
+  if (sigaction(signalNumber, &action, nullptr) != 0) {
+    return osa_internal::combined_error(OS_ERROR_INVALID_PARAMETER, errno);
+  }
+  return OS_OK;
+}
