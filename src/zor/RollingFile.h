@@ -1,0 +1,132 @@
+// A size-limited text file with numbered backups.
+//
+// The caller prints formatted text into a RollingFile; it counts the bytes
+// written and, once the count reaches the maximum size, rolls the file over:
+// backups beyond the kept count are deleted, the others are renumbered
+// (P.1 -> P.2 ..., compressed "P.n.gz" ones likewise), the current file
+// becomes P.1 (compressed in the background with gzip when asked) and a new
+// empty file is opened under the same name. Backup 1 is the newest.
+//
+// The file is opened on the first write, in append mode. Failures are never
+// thrown: they are reported through GetLoggerMgr()'s logger (level 1 errors,
+// level 4 information, every text beginning with "RollingFile: ") and leave
+// the object closed and usable. After a failed open, new attempts are made
+// at most once every 10000 units of osGetClock (ten seconds), with one
+// "Skipped opening" notice per failure, so that writes to a broken file do
+// not retry and report each time.
+//
+// The logger may write into this very file (the daemon's own log is a
+// RollingFile); the reportingError and rollingOver guards keep such a write
+// from recursing into a second report or a second roll-over.
+//
+// Threads: none inside; the owner serialises all calls.
+#ifndef KESTRIN_ZOR_ROLLING_FILE_H_
+#define KESTRIN_ZOR_ROLLING_FILE_H_
+
+#include <stdarg.h>
+#include <stdint.h>
+#include <stdio.h>
+
+#include <string>
+
+#include "appfw/SmartPointerNTS.h"
+#include "zor/DefaultableValue.h"
+#include "zor/LogInterface.h"
+#include "zor/NonCopyable.h"
+
+namespace Zor {
+
+class RollingFile : private NonCopyable {
+ public:
+  // Maximum file size in bytes; 0 means no limit. The size is checked after
+  // each write, so a file may exceed it by the length of its last write.
+  DefaultableValue<long, RollingFile, 1> maxFileSize;
+  // Number of backups kept; 0 keeps none (a roll-over truncates the file).
+  DefaultableValue<unsigned int, RollingFile, 2> backupCount;
+  // Compress each new backup with "nice -n 19 gzip" in the background.
+  DefaultableValue<bool, RollingFile, 3> zipBackups;
+
+  // `pathName` may be null (taken as empty). The file is not opened here.
+  explicit RollingFile(const char* pathName = nullptr);
+  // Closes the file (flushing the stream's buffer).
+  virtual ~RollingFile();
+
+  // Changes the path, but only while no file is open: the name of an open
+  // file never changes under it. A different name lifts the open rate limit.
+  void SetPathName(const char* pathName);
+  const std::string& GetPathName() const { return pathName_; }
+
+  // Writes formatted text, opening the file first if needed, and may roll
+  // the file over afterwards. Returns the number of bytes written, -1 when
+  // no file could be opened, or vfprintf's negative result when the write
+  // failed (the file is then closed; the next write reopens it).
+  int VPrintf(const char* format, va_list args);
+  int Printf(const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+  // Closes the stream if one is open.
+  void Close();
+
+  // Rolls the file over now (normally done by the size check). Does nothing
+  // when no file is open and none exists at the path.
+  void RollOver();
+
+  // Flushes the stream and syncs it to disk; on failure the file is closed
+  // and the failure reported.
+  void flushFile();
+
+  // flushFile, but only when something was written since the last flush or
+  // close: an idle file costs no system call.
+  void Flush();
+
+  bool IsOpen() const { return file_ != nullptr; }
+  // Bytes in the current file, as counted since it was opened.
+  uint32_t GetCurrentSize() const { return currentSize_; }
+  bool HasUnflushedData() const { return unflushed_; }
+
+  // Installs the logger of all rolling files (a nil pointer restores the
+  // null logger, which discards everything).
+  static void SetLogger(const AppFw::SmartPointerNTS<LogInterface>& logger);
+  static LogInterfaceHolder& GetLoggerMgr();
+
+ protected:
+  // Opens the path with the fopen `mode`, subject to the open rate limit.
+  // Returns the open stream or null; the stream is also kept as the file.
+  FILE* openFile(const char* mode);
+  // Creates the missing directories on the path (not the file itself).
+  bool createDirectoriesInPathName();
+  // Refuses a directory and takes the current size from the open stream.
+  bool getFileStats();
+  // Deletes backup `number` (compressed and plain); true if one was deleted.
+  bool deleteOldLog(unsigned int number);
+  // Renames backup `from` to `to` (compressed and plain).
+  void renumberOldLog(unsigned int from, unsigned int to);
+  // Moves the current file to backup 1, closes it and starts its compression.
+  void archiveCurrentFile();
+  std::string nameOfZippedOldLog(unsigned int number) const;
+  std::string nameOfUnzippedOldLog(unsigned int number) const;
+  // The open stream, or the result of opening the path in append mode.
+  FILE* getFilePointer();
+  // Counts `count` more bytes and rolls over when the maximum is reached.
+  void incFileSizeBy(unsigned long count);
+
+ private:
+  // Passes "RollingFile: " + `text` to the logger at `level`, unless a
+  // report of this object is already under way.
+  void report(unsigned long level, const std::string& text);
+  void deleteBackupFile(const std::string& name, bool* deleted);
+  void moveBackupFile(const std::string& from, const std::string& to);
+
+  std::string pathName_;
+  FILE* file_;                // null while closed
+  uint32_t lastOpenAttempt_;  // osGetClock at the last open attempt
+  bool mayOpen_;              // false after a failed open: attempts are rate-limited
+  bool skipReported_;         // the skip notice for the current failure was given
+  bool unflushed_;            // written since the last flush or close
+  uint32_t currentSize_;      // bytes in the current file
+  bool reportingError_;       // a report is under way: further reports are dropped
+  bool rollingOver_;          // a roll-over is under way: no second one starts
+};
+
+}  // namespace Zor
+
+#endif  // KESTRIN_ZOR_ROLLING_FILE_H_

@@ -1,0 +1,321 @@
+// Zor::RollingFile failure paths, each provoked for real: refused paths,
+// unopenable files and the open rate limit, full and read-only filesystems
+// (small tmpfs mounts, skipped where mounting is not permitted), streams that
+// cannot be synced, backups that are directories, and a compression command
+// the shell rejects.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "zor/RollingFile.h"
+#include "zor/RollingFileTestSupport.h"
+
+namespace rolling_file_test {
+namespace {
+
+// A small tmpfs mounted on a fresh directory for the life of the object.
+class TinyFilesystem {
+ public:
+  TinyFilesystem(const std::string& directory, unsigned long flags) : directory_(directory) {
+    std::filesystem::create_directory(directory_);
+    mounted_ = mount("tmpfs", directory_.c_str(), "tmpfs", flags, "size=16k") == 0;
+  }
+  ~TinyFilesystem() {
+    if (mounted_) umount2(directory_.c_str(), MNT_DETACH);
+  }
+  bool Mounted() const { return mounted_; }
+
+  // Takes every free block with a filler file.
+  bool Fill() {
+    int fd = open(filler().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    char block[4096] = {};
+    while (write(fd, block, sizeof block) > 0) {
+    }
+    bool full = errno == ENOSPC;
+    close(fd);
+    return full;
+  }
+  void Free() { unlink(filler().c_str()); }
+
+ private:
+  std::string filler() const { return directory_ + "/filler"; }
+
+  std::string directory_;
+  bool mounted_ = false;
+};
+
+std::pair<int, std::string> error(const std::string& text) { return {1, "RollingFile: " + text}; }
+
+std::pair<int, std::string> skipped(const std::string& file) {
+  return {4, "RollingFile: Skipped opening of file " + file + " because of earlier error."};
+}
+
+TEST_F(RollingFile, EmptyPathIsNeverOpened) {
+  Zor::RollingFile file("");
+  EXPECT_EQ(file.Printf("x"), -1);
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_EQ(logged(), (Logged{error("Error: Attempt to open file with empty pathname")}));
+}
+
+TEST_F(RollingFile, PathContainingDoubleSlashIsNeverOpened) {
+  const std::string name = dir_.Path() + "/sub//file.log";
+  Zor::RollingFile file(name.c_str());
+  EXPECT_EQ(file.Printf("x"), -1);
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_FALSE(exists(path("sub")));
+  EXPECT_FALSE(exists(path("sub/file.log")));
+  EXPECT_EQ(logged(), (Logged{error("Error: Attempt to open file with \"//\" in pathname")}));
+  advanceClock(10000);
+  EXPECT_EQ(file.Printf("x"), -1);
+  EXPECT_FALSE(exists(path("sub")));
+}
+
+TEST_F(RollingFile, TwoWritesWithinRateLimitAfterFailedOpenGiveOneNoticeAndOneSilentSkip) {
+  write_file(path("plain"), "a regular file, not a directory");
+  const std::string name = path("plain/app.log");
+  Zor::RollingFile file(name.c_str());
+  EXPECT_EQ(file.Printf("first"), -1);
+  EXPECT_EQ(logged(), (Logged{error("Error 20 trying to open file " + name)}));
+  advanceClock(1);
+  EXPECT_EQ(file.Printf("second"), -1);
+  advanceClock(5000);
+  EXPECT_EQ(file.Printf("third"), -1);
+  EXPECT_EQ(logged(), (Logged{error("Error 20 trying to open file " + name), skipped(name)}));
+}
+
+TEST_F(RollingFile, FailedOpenIsRetriedOnlyAfterTenThousandClockUnits) {
+  write_file(path("plain"), "x");
+  const std::string name = path("plain/app.log");
+  Zor::RollingFile file(name.c_str());
+  file.Printf("fails");
+  advanceClock(9999);
+  file.Printf("skipped with a notice");
+  EXPECT_EQ(logged(), (Logged{error("Error 20 trying to open file " + name), skipped(name)}));
+  advanceClock(1);  // 10000 since the failed attempt
+  file.Printf("tried again");
+  file.Printf("skipped with a new notice");
+  EXPECT_EQ(logged(), (Logged{error("Error 20 trying to open file " + name), skipped(name),
+                              error("Error 20 trying to open file " + name), skipped(name)}));
+}
+
+TEST_F(RollingFile, RateLimitHoldsAcrossClockWrapAround) {
+  fake_clock() = 0xFFFFFF00UL;
+  write_file(path("plain"), "x");
+  const std::string name = path("plain/app.log");
+  Zor::RollingFile file(name.c_str());
+  file.Printf("fails");
+  advanceClock(0x200);  // the 32-bit clock has wrapped to 0x100
+  file.Printf("skipped");
+  EXPECT_EQ(logged(), (Logged{error("Error 20 trying to open file " + name), skipped(name)}));
+  advanceClock(10000 - 0x200);
+  file.Printf("tried again");
+  EXPECT_EQ(logged().size(), 3u);
+  EXPECT_EQ(logged().back(), error("Error 20 trying to open file " + name));
+}
+
+TEST_F(RollingFile, NewPathNameLiftsTheRateLimit) {
+  write_file(path("plain"), "x");
+  const std::string bad = path("plain/app.log");
+  const std::string good = path("good.log");
+  Zor::RollingFile file(bad.c_str());
+  file.Printf("fails");
+  file.SetPathName(bad.c_str());  // the same name keeps the limit
+  file.Printf("skipped");
+  file.SetPathName(good.c_str());
+  EXPECT_EQ(file.Printf("opened at once"), 14);
+  EXPECT_EQ(logged(),
+            (Logged{error("Error 20 trying to open file " + bad), skipped(bad), opened(good, 0)}));
+}
+
+TEST_F(RollingFile, ReadOnlyDirectoryGivesOpenErrorAndRateLimitedSkipNotice) {
+  TinyFilesystem readOnly(path("ro"), MS_RDONLY);
+  if (!readOnly.Mounted()) GTEST_SKIP() << "mounting a tmpfs is not permitted here";
+  const std::string name = path("ro/app.log");
+  Zor::RollingFile file(name.c_str());
+  EXPECT_EQ(file.Printf("x"), -1);
+  advanceClock(100);
+  EXPECT_EQ(file.Printf("x"), -1);
+  EXPECT_EQ(file.Printf("x"), -1);
+  EXPECT_EQ(logged(), (Logged{error("Error 30 trying to open file " + name), skipped(name)}));
+  EXPECT_FALSE(exists(name));
+}
+
+TEST_F(RollingFile, DirectoryThatCannotBeCreatedIsReported) {
+  TinyFilesystem readOnly(path("ro"), MS_RDONLY);
+  if (!readOnly.Mounted()) GTEST_SKIP() << "mounting a tmpfs is not permitted here";
+  const std::string name = path("ro/sub/app.log");
+  Zor::RollingFile file(name.c_str());
+  EXPECT_EQ(file.Printf("x"), -1);
+  EXPECT_EQ(logged(), (Logged{error("OSA error 5 trying to create directory " + path("ro/sub")),
+                              error("Error 2 trying to open file " + name)}));
+}
+
+TEST_F(RollingFile, DirectoryBehindDanglingLinkCannotBeCreated) {
+  std::filesystem::create_symlink(path("nowhere"), path("link"));
+  const std::string name = path("link/sub/app.log");
+  Zor::RollingFile file(name.c_str());
+  EXPECT_EQ(file.Printf("x"), -1);
+  EXPECT_EQ(logged(), (Logged{error("OSA error 6 trying to create directory " + path("link")),
+                              error("Error 2 trying to open file " + name)}));
+  EXPECT_FALSE(exists(path("nowhere")));
+}
+
+TEST_F(RollingFile, OpeningADirectoryIsRefused) {
+  std::filesystem::create_directory(path("adir"));
+  TestableRollingFile file(path("adir").c_str());
+  EXPECT_EQ(file.openFile("r"), nullptr);
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_EQ(logged(), (Logged{error("Error: Attempt to open directory " + path("adir") +
+                                    "; only files may be opened")}));
+  // A failed check counts as a failed open: the next attempt is rate-limited.
+  EXPECT_EQ(file.openFile("r"), nullptr);
+  EXPECT_EQ(logged().back(), skipped(path("adir")));
+}
+
+TEST_F(RollingFile, WritingToADirectoryPathFailsToOpen) {
+  std::filesystem::create_directory(path("adir"));
+  Zor::RollingFile file(path("adir").c_str());
+  EXPECT_EQ(file.Printf("x"), -1);
+  EXPECT_EQ(logged(), (Logged{error("Error 21 trying to open file " + path("adir"))}));
+}
+
+TEST_F(RollingFile, WriteFailureIsReportedOnceClosesAndRecovers) {
+  TinyFilesystem tiny(path("tiny"), 0);
+  if (!tiny.Mounted()) GTEST_SKIP() << "mounting a tmpfs is not permitted here";
+  const std::string name = path("tiny/app.log");
+  Zor::RollingFile file(name.c_str());
+  configure(file, 0, 1, false);
+  ASSERT_TRUE(tiny.Fill());
+  // Longer than the stream's buffer, so vfprintf itself has to write.
+  const std::string big(20000, 'b');
+  EXPECT_LT(file.Printf("%s", big.c_str()), 0);
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_FALSE(file.HasUnflushedData());
+  EXPECT_EQ(logged(), (Logged{opened(name, 0), error("Error 28 trying to write to file " + name)}));
+
+  tiny.Free();
+  // The open itself succeeded before, so the next write reopens at once.
+  EXPECT_EQ(file.Printf("back\n"), 5);
+  file.Close();
+  EXPECT_EQ(read_file(name), "back\n");
+  EXPECT_EQ(logged().size(), 3u);
+  EXPECT_EQ(logged().back(), opened(name, 0));
+}
+
+TEST_F(RollingFile, FlushFailureIsReportedClosesAndRecovers) {
+  TinyFilesystem tiny(path("tiny"), 0);
+  if (!tiny.Mounted()) GTEST_SKIP() << "mounting a tmpfs is not permitted here";
+  const std::string name = path("tiny/app.log");
+  Zor::RollingFile file(name.c_str());
+  ASSERT_TRUE(tiny.Fill());
+  // A short line only reaches the stream's buffer: the write succeeds and
+  // the failure shows at the flush.
+  EXPECT_EQ(file.Printf("small\n"), 6);
+  EXPECT_TRUE(file.HasUnflushedData());
+  file.Flush();
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_FALSE(file.HasUnflushedData());
+  file.Flush();  // nothing left to flush: no second report
+  EXPECT_EQ(logged(), (Logged{opened(name, 0), error("Error 28 trying to flush file " + name)}));
+
+  tiny.Free();
+  EXPECT_EQ(file.Printf("again\n"), 6);
+  file.Flush();
+  EXPECT_TRUE(file.IsOpen());
+  EXPECT_FALSE(file.HasUnflushedData());
+  EXPECT_EQ(read_file(name), "again\n");
+  EXPECT_EQ(logged().size(), 3u);
+}
+
+// A FIFO opens like a file but cannot be synced (fsync gives EINVAL), so a
+// flush that really runs is visible as a report.
+TEST_F(RollingFile, FlushOfIdleFileMakesNoSystemCall) {
+  const std::string name = path("pipe");
+  ASSERT_EQ(mkfifo(name.c_str(), 0600), 0);
+  TestableRollingFile file(name.c_str());
+  ASSERT_NE(file.openFile("a+"), nullptr);
+  file.Flush();
+  EXPECT_TRUE(file.IsOpen());
+  EXPECT_EQ(logged(), (Logged{opened(name, 0)}));
+
+  file.flushFile();
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_EQ(logged(), (Logged{opened(name, 0), error("Error 22 trying to flush file " + name)}));
+
+  // After a write, Flush does flush (and the sync fails again).
+  EXPECT_EQ(file.Printf("x"), 1);
+  file.Flush();
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_EQ(logged().back(), error("Error 22 trying to flush file " + name));
+}
+
+TEST_F(RollingFile, DeleteAndRenameFailuresAreReportedAndRollOverContinues) {
+  const std::string name = path("dirs.log");
+  std::filesystem::create_directories(name + ".2/inside");
+  write_file(name + ".1", "one");
+  write_file(name, "current");
+  Zor::RollingFile file(name.c_str());
+  configure(file, 0, 2, false);
+  file.RollOver();
+  EXPECT_EQ(logged(),
+            (Logged{error("OSA error 18 trying to delete file " + name + ".2"),
+                    error("OSA error 18 trying to rename file " + name + ".1 to " + name + ".2"),
+                    rolled(name), opened(name, 0)}));
+  EXPECT_EQ(read_file(name + ".1"), "current");
+  EXPECT_TRUE(std::filesystem::is_directory(name + ".2"));
+  EXPECT_TRUE(file.IsOpen());
+}
+
+TEST_F(RollingFile, FailedMoveToFirstBackupIsReportedAndFileStillRestarts) {
+  const std::string name = path("stuck.log");
+  std::filesystem::create_directories(name + ".1/inside");
+  write_file(name, "current");
+  Zor::RollingFile file(name.c_str());
+  configure(file, 0, 1, false);
+  file.RollOver();
+  EXPECT_EQ(logged(),
+            (Logged{error("OSA error 18 trying to delete file " + name + ".1"),
+                    error("OSA error 18 trying to rename file " + name + " to " + name + ".1"),
+                    opened(name, 0)}));
+  // The new file is opened with "w" whatever happened to the old one.
+  EXPECT_EQ(std::filesystem::file_size(name), 0u);
+  EXPECT_TRUE(file.IsOpen());
+}
+
+TEST_F(RollingFile, ZipCommandFailureIsReported) {
+  // The shell rejects the unquoted "(" in the command line: exit status 2.
+  const std::string name = path("bad(name.log");
+  Zor::RollingFile file(name.c_str());
+  configure(file, 0, 1, true);
+  file.Printf("x");
+  file.RollOver();
+  EXPECT_EQ(logged(), (Logged{opened(name, 0), rolled(name),
+                              error("Error 512 trying to spawn process to zip file " + name + ".1"),
+                              opened(name, 0)}));
+  EXPECT_EQ(read_file(name + ".1"), "x");
+}
+
+TEST_F(RollingFile, ErrorRaisedWhileReportingAnErrorIsDropped) {
+  Zor::RollingFile file("");
+  // The logger writes into the file it is reporting on, which fails again.
+  recorder_.SetAfterEach([&](const Zor::RecordingLogger::Entry& entry) {
+    EXPECT_EQ(file.Printf("%s\n", entry.text.c_str()), -1);
+  });
+  EXPECT_EQ(file.Printf("x"), -1);
+  EXPECT_EQ(logged(), (Logged{error("Error: Attempt to open file with empty pathname")}));
+  // The guard is lifted after the report: the next failure is reported.
+  advanceClock(10000);
+  EXPECT_EQ(file.Printf("x"), -1);
+  EXPECT_EQ(logged(), (Logged{error("Error: Attempt to open file with empty pathname"),
+                              error("Error: Attempt to open file with empty pathname")}));
+}
+
+}  // namespace
+}  // namespace rolling_file_test
