@@ -18,8 +18,7 @@ long SecondBefore(long seconds) {
   return static_cast<long>(static_cast<unsigned long>(seconds) - 1UL);
 }
 
-void FormatTimestamp(long seconds, char* out, size_t size) {
-  ++conversion_count;
+void Convert(long seconds, char* out, size_t size) {
   time_t time = static_cast<time_t>(seconds);
   struct tm local;
   // The year is widened before adding 1900: localtime_r accepts any year
@@ -32,7 +31,17 @@ void FormatTimestamp(long seconds, char* out, size_t size) {
   }
 }
 
+void FormatTimestamp(long seconds, char* out, size_t size) {
+  ++conversion_count;
+  Convert(seconds, out, size);
+}
+
 }  // namespace
+
+void FormatTimestampUncached(long seconds, char* buf, size_t size) {
+  if (buf == nullptr || size == 0) return;
+  Convert(seconds, buf, size);
+}
 
 const char* GetTimestampString(long seconds, char* buf, size_t size) {
   static char cache[TIMESTAMP_CACHE_SIZE];

@@ -21,6 +21,10 @@ namespace kestrin {
 // Not thread-safe: the cache is unguarded. Call from the main thread only.
 const char* GetTimestampString(long seconds, char* buf = nullptr, size_t size = 0);
 
+// The same text formatted into `buf` without the cache, for threads other
+// than the main thread. Safe from any thread.
+void FormatTimestampUncached(long seconds, char* buf, size_t size);
+
 // How many times GetTimestampString has converted a second since the process
 // started. Lets tests see the cache at work.
 unsigned long TimestampConversionCount();

@@ -1,0 +1,54 @@
+// Process-wide state of the daemon shared by its subsystems.
+//
+// Written on the main thread during start-up, then read by every thread:
+// `sys5q` and `MainThreadsTaskId` are set before any other thread starts.
+// `Daemonized` is read without a lock by the standard-output echo only.
+#ifndef KESTRIN_KESTRIN_GLOBALS_H_
+#define KESTRIN_KESTRIN_GLOBALS_H_
+
+#include <string>
+
+#include "kestrin/LogFile.h"
+
+namespace kestrin {
+
+// False while the process still runs in the foreground (reports are echoed
+// to standard output then).
+extern bool Daemonized;
+// The platform task id of the main thread, the only writer of log files.
+extern unsigned long MainThreadsTaskId;
+// The request queue's id; -1 while there is none.
+extern int sys5q;
+
+// Relative name of the daemon's own log file.
+extern std::string NameOfKestrinsOwnLog;
+
+// The standard files; nil until initialize_standard_log_files.
+extern LogFilePtr systemlog;
+extern LogFilePtr logger;
+extern LogFilePtr alarmLog;
+
+// Every log file the daemon knows, by normalised name.
+extern LogFileMap logFileMap;
+
+// The private log file of each registration handle; nil until the handle's
+// file is known.
+constexpr int KES_MAX_HANDLES = 256;
+extern LogFilePtr logFileArray[KES_MAX_HANDLES];
+
+// This card's host name; "UnknownHost" when it cannot be read. Refreshed by
+// the timer-tick thread without a lock (a reader may briefly see a partly
+// copied name, which is accepted).
+extern char Hostname[256];
+
+// Creates the internal logger and the standard files (system log, the own
+// log, the alarm log), enters them into logFileMap and writes the start-up
+// banner. Main thread, once, at start-up.
+void initialize_standard_log_files();
+
+// Flushes every file of logFileMap that has unflushed lines.
+void FlushFiles();
+
+}  // namespace kestrin
+
+#endif  // KESTRIN_KESTRIN_GLOBALS_H_
