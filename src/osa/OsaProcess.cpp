@@ -29,9 +29,22 @@ namespace {
 pthread_mutex_t g_claimsLock = PTHREAD_MUTEX_INITIALIZER;
 std::map<std::string, int>* g_claims = nullptr;  // never freed: lives as long as the locks
 
-// The directory for lock files: /run/lock where this process may write,
+// The directory for lock files. Under a KESTRIN_ROOT R it is R/run/lock
+// (created on demand), so that a private root leaves nothing behind in the
+// machine's directories; otherwise /run/lock where this process may write,
 // else /tmp.
-const char* lock_directory() {
+std::string lock_directory() {
+  char mapped[PATH_MAX];
+  if (osMapPath("/run/lock", mapped, sizeof mapped) == OS_OK && strcmp(mapped, "/run/lock") != 0) {
+    // mkdir -p: every missing directory on the way, the root included.
+    for (char* slash = strchr(mapped + 1, '/'); slash != nullptr; slash = strchr(slash + 1, '/')) {
+      *slash = '\0';
+      mkdir(mapped, 0777);
+      *slash = '/';
+    }
+    mkdir(mapped, 0777);
+    return mapped;
+  }
   return access("/run/lock", W_OK | X_OK) == 0 ? "/run/lock" : "/tmp";
 }
 

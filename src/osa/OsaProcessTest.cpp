@@ -249,6 +249,9 @@ TEST(OsaGetProcessState, DistinctRootsDoNotExcludeEachOther) {
     }
   }
   EXPECT_NE(pathA, pathB);
+  // Under a root the lock lives inside it, never in the machine's /run/lock.
+  EXPECT_EQ(0u, pathA.rfind("/tmp/kestrin-root-a/run/lock/kestrin-", 0)) << pathA;
+  EXPECT_EQ(0u, pathB.rfind("/tmp/kestrin-root-b/run/lock/kestrin-", 0)) << pathB;
   unlink(pathA.c_str());
   unlink(pathB.c_str());
 }

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
@@ -167,4 +168,14 @@ int osSetSignalHandler(int signalNumber, tOsSignalHandler handler) {
     return osa_internal::combined_error(OS_ERROR_INVALID_PARAMETER, errno);
   }
   return OS_OK;
+}
+
+int osRunShellCommand(const char* command) {
+  if (command == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  const tOsaOverrides* overrides = osa_internal::installed_overrides();
+  if (overrides != nullptr && overrides->runShellCommand != nullptr) {
+    int result = overrides->runShellCommand(command);
+    if (result != OSA_CALL_REAL) return result;
+  }
+  return system(command);
 }

@@ -407,6 +407,12 @@ int osSysVSemaphoreGetValue(int semaphoreId, int* value);
 int osSysVSemaphoreAdd(int semaphoreId, int delta);
 int osSysVSemaphoreRemove(int semaphoreId);
 
+/* ---- Commands ----------------------------------------------------------- */
+
+/* Runs `command` with /bin/sh (system) and returns system's result: the
+ * shell's wait status, or -1 when no shell could be started. */
+int osRunShellCommand(const char* command);
+
 /* ---- Signals ------------------------------------------------------------ */
 
 typedef void (*tOsSignalHandler)(int signalNumber);
@@ -438,6 +444,8 @@ typedef struct tOsaOverrides {
   /* Sees every osSyslog line (already formatted); return OSA_CALL_REAL to let
    * it reach syslog as well. */
   int (*syslog)(int priority, const char* text);
+  /* Replaces osRunShellCommand when set. */
+  int (*runShellCommand)(const char* command);
 } tOsaOverrides;
 
 void osSetOverrides(const tOsaOverrides* overrides);

@@ -25,6 +25,25 @@ constexpr size_t MAX_MODE = 8;
 
 std::string number_text(long value) { return std::to_string(value); }
 
+// The file name as one word of a shell command. Client processes choose log
+// file names, so a name holding anything but the plain path characters is
+// single-quoted: it must never be able to run a command of its own. Plain
+// names (all the usual ones) stand in the command unchanged.
+std::string ShellWord(const std::string& name) {
+  static const char kPlain[] =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./+-:@%,=";
+  if (!name.empty() && name.find_first_not_of(kPlain) == std::string::npos) return name;
+  std::string quoted = "'";
+  for (char c : name) {
+    if (c == '\'') {
+      quoted += "'\\''";
+    } else {
+      quoted += c;
+    }
+  }
+  return quoted + "'";
+}
+
 }  // namespace
 
 RollingFile::RollingFile(const char* pathName)
@@ -249,7 +268,7 @@ void RollingFile::archiveCurrentFile() {
   if (!zipBackups()) return;
   // Issued even when the rename failed; gzip then fails in the background.
   // The trailing "&" keeps the daemon from waiting for the compression.
-  int result = system(("nice -n 19 gzip " + backup + " &").c_str());
+  int result = osRunShellCommand(("nice -n 19 gzip " + ShellWord(backup) + " &").c_str());
   if (result != 0) {
     report(LEVEL_ERROR,
            "Error " + number_text(result) + " trying to spawn process to zip file " + backup);

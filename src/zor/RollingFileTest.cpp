@@ -269,15 +269,6 @@ TEST_F(RollingFile, BackupNamesAppendNumberAndGz) {
   EXPECT_EQ(file.nameOfZippedOldLog(0), "/var/log/system.log.0.gz");
 }
 
-// Polls for up to five seconds.
-template <typename Condition>
-bool eventually(Condition condition) {
-  for (int i = 0; i < 500; ++i) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return condition();
-}
 
 TEST_F(RollingFile, ZipBackupsCompressesTheNewBackupInTheBackground) {
   const std::string name = path("zipped.log");
