@@ -62,6 +62,11 @@ int osMapIpcName(const char* name, char* out, size_t outSize) {
 
 int osGetPath(int kind, char* out, size_t outSize) {
   if (out == nullptr || outSize == 0) return OS_ERROR_INVALID_PARAMETER;
+  const tOsaOverrides* overrides = osa_internal::installed_overrides();
+  if (overrides != nullptr && overrides->getPath != nullptr) {
+    int result = overrides->getPath(kind, out, outSize);
+    if (result != OSA_CALL_REAL) return result;
+  }
   switch (kind) {
     case OS_PATH_CONFIG:
       return osMapPath("/kv/etc/", out, outSize);

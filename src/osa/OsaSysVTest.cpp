@@ -188,3 +188,36 @@ TEST(OsGetTimeOfDay, RealClockIsRecentAndOverrideReplacesIt) {
 }
 
 }  // namespace
+
+namespace {
+
+int PathWithoutSlash(int kind, char* out, size_t outSize) {
+  osLStrCpyn(out, kind == OS_PATH_LOG ? "/var/log" : "/etc", outSize);
+  return OS_OK;
+}
+
+TEST(OsGetPath, OverrideReplacesTheDirectory) {
+  tOsaOverrides overrides{};
+  overrides.getPath = PathWithoutSlash;
+  osSetOverrides(&overrides);
+  char out[64];
+  int result = osGetPath(OS_PATH_LOG, out, sizeof out);
+  osSetOverrides(nullptr);
+  EXPECT_EQ(OS_OK, result);
+  EXPECT_STREQ("/var/log", out);
+}
+
+int RunNothing(const char* command) { return command[0] == 'x' ? 3 : OSA_CALL_REAL; }
+
+TEST(OsRunShellCommand, RunsTheShellAndOverrideCanReplaceIt) {
+  EXPECT_EQ(0, osRunShellCommand("true"));
+  EXPECT_EQ(1 << 8, osRunShellCommand("exit 1"));
+  tOsaOverrides overrides{};
+  overrides.runShellCommand = RunNothing;
+  osSetOverrides(&overrides);
+  EXPECT_EQ(3, osRunShellCommand("x"));
+  EXPECT_EQ(2 << 8, osRunShellCommand("exit 2"));
+  osSetOverrides(nullptr);
+}
+
+}  // namespace

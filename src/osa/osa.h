@@ -203,6 +203,15 @@ int osShareMemory(const char* name, size_t size, void** address);
 /* Removes the named segment (for tests and tools; the daemon never does). */
 int osUnshareMemory(const char* name);
 
+/* Attaches to the named shared segment only when it already exists (named
+ * and mapped as for osShareMemory, but never created, grown or zeroed): a
+ * client uses it to find a segment that a server made, without making one
+ * when the server is not there. A missing segment gives an error value whose
+ * general code (value & 0xffff) is OS_ERROR_FILE_NOT_FOUND; an existing one
+ * smaller than `size` gives the plain OS_ERROR_BUFFER_TOO_SMALL (mapping it
+ * would fault past its end). The mapping lasts until the process ends. */
+int osAttachSharedMemory(const char* name, size_t size, void** address);
+
 /* ---- Named queues ------------------------------------------------------ */
 
 /* Looks up the named message queue (mapped per root, named as for
@@ -444,6 +453,8 @@ typedef struct tOsaOverrides {
   /* Sees every osSyslog line (already formatted); return OSA_CALL_REAL to let
    * it reach syslog as well. */
   int (*syslog)(int priority, const char* text);
+  /* Replaces osGetPath when set. */
+  int (*getPath)(int kind, char* out, size_t outSize);
   /* Replaces osRunShellCommand when set. */
   int (*runShellCommand)(const char* command);
 } tOsaOverrides;

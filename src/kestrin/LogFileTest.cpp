@@ -1,0 +1,212 @@
+#include "kestrin/LogFile.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <time.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "kestrin/PrivateRootEnvironment.h"
+#include "osa/osa.h"
+#include "zor/RecordingLogger.h"
+
+namespace kestrin {
+namespace {
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+// Runs the test with TZ=UTC so time stamps are exact.
+class UtcTime {
+ public:
+  UtcTime() {
+    const char* old = getenv("TZ");
+    hadTz_ = old != nullptr;
+    if (hadTz_) oldTz_ = old;
+    setenv("TZ", "UTC", 1);
+    tzset();
+  }
+  ~UtcTime() {
+    if (hadTz_) {
+      setenv("TZ", oldTz_.c_str(), 1);
+    } else {
+      unsetenv("TZ");
+    }
+    tzset();
+  }
+
+ private:
+  bool hadTz_;
+  std::string oldTz_;
+};
+
+TEST(NormalizeLogFileName, LeadingSlashesAreRemoved) {
+  EXPECT_EQ("a/b.log", NormalizeLogFileName("/a/b.log"));
+  EXPECT_EQ("x", NormalizeLogFileName(std::string("///x")));
+  EXPECT_EQ("a//b/../c", NormalizeLogFileName("/a//b/../c"));
+  EXPECT_EQ("", NormalizeLogFileName(static_cast<const char*>(nullptr)));
+}
+
+TEST(LogFile, ClientFileNameIsStoredUnderTheLogDirectory) {
+  LogFile file("/a/b.log");
+  EXPECT_EQ("a/b.log", file.GetName());
+  EXPECT_EQ(PrivateRootEnvironment::LogDirectory() + "a/b.log", file.GetPathName());
+  EXPECT_EQ(PrivateRootEnvironment::LogDirectory(), LogFile::GetLogFileDirectory());
+}
+
+TEST(LogFile, SecuritySystemLogIsOperationalAndSecurity) {
+  LogFile security("security.systemlog");
+  EXPECT_TRUE(security.IsOperationalLog());
+  EXPECT_TRUE(security.IsSecurityLog());
+  LogFile other("x.systemlog");
+  EXPECT_TRUE(other.IsOperationalLog());
+  EXPECT_FALSE(other.IsSecurityLog());
+  LogFile system("system.log");
+  EXPECT_FALSE(system.IsOperationalLog());
+  system.SetIsOperationalLog(true);
+  EXPECT_TRUE(system.IsOperationalLog());
+  EXPECT_FALSE(system.IsSecurityLog());
+}
+
+TEST(LogFile, AttributesStartClearedAndAreSettable) {
+  LogFile file("attributes.log");
+  EXPECT_FALSE(file.ShouldRollOnStartUp());
+  EXPECT_FALSE(file.GetMarker());
+  file.SetRollOnStartUp(true);
+  file.SetMarker(true);
+  EXPECT_TRUE(file.ShouldRollOnStartUp());
+  EXPECT_TRUE(file.GetMarker());
+}
+
+TEST(LogFile, ClassWideDefaultsAreSetByTheFirstFile) {
+  LogFile file("defaults.log");
+  EXPECT_EQ(15728640, (Zor::DefaultableValue<long, Zor::RollingFile, 1>::GetDefault()));
+  EXPECT_EQ(100u, (Zor::DefaultableValue<unsigned int, Zor::RollingFile, 2>::GetDefault()));
+  EXPECT_TRUE((Zor::DefaultableValue<bool, Zor::RollingFile, 3>::GetDefault()));
+  EXPECT_EQ(DetailedSeverity::DEBUG_LEVEL, LogFile::SeverityFilter::GetDefault().GetLevel());
+  EXPECT_EQ(15728640, file.maxFileSize());
+  EXPECT_EQ(DetailedSeverity::DEBUG_LEVEL, file.severityFilter().GetLevel());
+}
+
+TEST(LogFile, DebugLineIsDroppedByInfoFilterAndWrittenByDebugFilter) {
+  LogFile file("filter.log");
+  file.severityFilter.Set(DetailedSeverity::INFO_LEVEL);
+  EXPECT_EQ(0, file.LogPrintf(DetailedSeverity::DEBUG_LEVEL, "dropped\n"));
+  EXPECT_EQ(0, file.LogPrintf(static_cast<unsigned short>(8), "dropped too\n"));
+  file.severityFilter.Set(DetailedSeverity::DEBUG_LEVEL);
+  EXPECT_EQ(5, file.LogPrintf(DetailedSeverity::DEBUG_LEVEL, "kept\n"));
+  file.Flush();
+  EXPECT_EQ("kept\n", ReadFile(file.GetPathName()));
+}
+
+TEST(LogFile, FilterComparesLevelsOnly) {
+  LogFile file("levels.log");
+  file.severityFilter.Set(DetailedSeverity::MAJOR_LEVEL);
+  EXPECT_EQ(0, file.LogPrintf(DetailedSeverity::MINOR_LEVEL, "minor\n"));
+  EXPECT_EQ(6, file.LogPrintf(DetailedSeverity::MAJOR_LEVEL, "major\n"));
+  EXPECT_EQ(6, file.LogPrintf(DetailedSeverity::EMERG_LEVEL, "emerg\n"));
+  // Client codes: 2 (warning) is level 6, refused; 1 (error) is level 3.
+  EXPECT_EQ(0, file.LogPrintf(static_cast<unsigned short>(2), "warning\n"));
+  EXPECT_EQ(6, file.LogPrintf(static_cast<unsigned short>(1), "error\n"));
+}
+
+TEST(LogPrivateMessage, WritesTheExactLine) {
+  UtcTime utc;
+  LogFilePtr file(new LogFile("private.log"));
+  EXPECT_TRUE(LogPrivateMessage(file, 86400 + 3661, 42999, 4, 77, "modname", -1, "hello", false));
+  EXPECT_TRUE(LogPrivateMessage(file, 86400 + 3661, 7, 1, 0, "Kestrin", 7012, "late", true));
+  file->Flush();
+  EXPECT_EQ(
+      "1970-01-02T01:01:01.042 [INFO ] {modname} (-1) - hello\n"
+      "1970-01-02T01:01:01.000 [ERROR] {Kestrin} (7012) - (Messages have been dropped.) late\n",
+      ReadFile(file->GetPathName()));
+}
+
+TEST(LogPrivateMessage, LineRefusedByTheFilterCountsAsNotWritten) {
+  LogFilePtr file(new LogFile("refused.log"));
+  file->severityFilter.Set(DetailedSeverity::WARN_LEVEL);
+  EXPECT_FALSE(LogPrivateMessage(file, 0, 0, 4, 0, "m", 1, "info", false));
+  EXPECT_TRUE(LogPrivateMessage(file, 0, 0, 2, 0, "m", 1, "warning", false));
+  EXPECT_FALSE(LogPrivateMessage(LogFilePtr(), 0, 0, 1, 0, "m", 1, "no file", false));
+}
+
+TEST(LogPrivateMessage, FailedWriteCountsAsWritten) {
+  // A path that cannot be opened: the write returns -1, which is non-zero.
+  LogFilePtr file(new LogFile("dir//double.log"));
+  EXPECT_TRUE(LogPrivateMessage(file, 0, 0, 1, 0, "m", 1, "lost", false));
+}
+
+int LogDirectoryWithoutSlash(int kind, char* out, size_t size) {
+  osLStrCpyn(out, kind == OS_PATH_LOG ? "/var/log" : "", size);
+  return OS_OK;
+}
+
+int LogDirectoryWithSlash(int kind, char* out, size_t size) {
+  osLStrCpyn(out, "/var/log/", size);
+  return OS_OK;
+}
+
+int NoLogDirectory(int, char*, size_t) { return OS_ERROR_PATH_NOT_FOUND; }
+
+class LogDirectory : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Zor::RollingFile::SetLogger(
+        AppFw::SmartPointerNTS<Zor::LogInterface>(&recorder_, false));
+  }
+  void TearDown() override {
+    osSetOverrides(nullptr);
+    Zor::RollingFile::GetLoggerMgr().ClearLogger();
+    // Back to the test root for the other tests.
+    LogFile::SetLogFileDirectory();
+  }
+  void Use(int (*getPath)(int, char*, size_t)) {
+    overrides_.getPath = getPath;
+    osSetOverrides(&overrides_);
+  }
+  Zor::RecordingLogger recorder_;
+  tOsaOverrides overrides_{};
+};
+
+TEST_F(LogDirectory, PlatformDirectoryGetsOneSlashAppended) {
+  Use(LogDirectoryWithoutSlash);
+  LogFile::SetLogFileDirectory();
+  EXPECT_EQ("/var/log/", LogFile::GetLogFileDirectory());
+  ASSERT_EQ(1u, recorder_.Entries().size());
+  EXPECT_EQ("Log file directory at ``/var/log/''", recorder_.Entries()[0].text);
+  EXPECT_EQ(8u, recorder_.Entries()[0].level);
+}
+
+TEST_F(LogDirectory, DirectoryEndingInSlashIsKept) {
+  Use(LogDirectoryWithSlash);
+  LogFile::SetLogFileDirectory();
+  EXPECT_EQ("/var/log/", LogFile::GetLogFileDirectory());
+}
+
+TEST(LogDirectoryDeathTest, MissingDirectoryEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        static Zor::RecordingLogger recorder;
+        Zor::RollingFile::SetLogger(
+            AppFw::SmartPointerNTS<Zor::LogInterface>(&recorder, false));
+        recorder.SetAfterEach([](const Zor::RecordingLogger::Entry& entry) {
+          fprintf(stderr, "%lu:%s\n", static_cast<unsigned long>(entry.level),
+                  entry.text.c_str());
+        });
+        tOsaOverrides overrides{};
+        overrides.getPath = NoLogDirectory;
+        osSetOverrides(&overrides);
+        LogFile::SetLogFileDirectory();
+      },
+      ::testing::ExitedWithCode(1), "1:osGetPath returned 15; can't create logs");
+}
+
+}  // namespace
+}  // namespace kestrin
