@@ -20,6 +20,14 @@ LogFileMap logFileMap;
 LogFilePtr logFileArray[KES_MAX_HANDLES];
 char Hostname[256] = "UnknownHost";
 
+RoleType KestrinsRoleType = ROLE_DEFAULT;
+int MESSAGES_BEFORE_SLEEP = 80;
+int SLEEP_TIME = 10;
+std::string ConfigDirectoryName = "/kv/etc/";
+std::string PathnameOfConfigFile;
+bool UsingDefaultPathnameOfConfigFile = true;
+std::string PathnameOfTaxonomyFile;
+
 namespace {
 constexpr char systemLoggerName[] = "system.log";
 constexpr char alarmLoggerName[] = "alarms.systemlog";

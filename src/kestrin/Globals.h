@@ -41,6 +41,23 @@ extern LogFilePtr logFileArray[KES_MAX_HANDLES];
 // copied name, which is accepted).
 extern char Hostname[256];
 
+// The role this card plays. KestrinsRoleType starts as ROLE_DEFAULT (chosen
+// automatically at start-up); the configuration may name another.
+enum RoleType : int { ROLE_AGENT = 0, ROLE_MASTER = 1, ROLE_SOLO = 2, ROLE_DEFAULT = 3 };
+extern RoleType KestrinsRoleType;
+
+// Pacing of the main loop: sleep SLEEP_TIME milliseconds after every
+// MESSAGES_BEFORE_SLEEP requests. Set from the configuration, kept positive.
+extern int MESSAGES_BEFORE_SLEEP;
+extern int SLEEP_TIME;
+
+// Where the configuration comes from (command line, then defaults formed
+// from ConfigDirectoryName, which always ends in "/").
+extern std::string ConfigDirectoryName;
+extern std::string PathnameOfConfigFile;
+extern bool UsingDefaultPathnameOfConfigFile;
+extern std::string PathnameOfTaxonomyFile;
+
 // Creates the internal logger and the standard files (system log, the own
 // log, the alarm log), enters them into logFileMap and writes the start-up
 // banner. Main thread, once, at start-up.

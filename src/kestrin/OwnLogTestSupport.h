@@ -29,8 +29,8 @@ class OwnLogTest : public ::testing::Test {
     Daemonized = true;  // no echo of every report to standard output
     ASSERT_EQ(OS_OK, osGetTaskId(&MainThreadsTaskId));
     const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
-    logger = LogFilePtr(
-        new LogFile(std::string(test->test_suite_name()) + "." + test->name() + ".log"));
+    logger =
+        LogFilePtr(new LogFile(std::string(test->test_suite_name()) + "." + test->name() + ".log"));
     logger->severityFilter.Set(DetailedSeverity::DEBUG_LEVEL);
   }
 

@@ -26,8 +26,7 @@ std::string AreaString(const char* area, size_t areaSize, uint16_t offset) {
   return FieldString(area + offset, areaSize - offset);
 }
 
-bool IsOfType(std::ostream& out, const tKesMessage& header, uint16_t type,
-              const char* expected) {
+bool IsOfType(std::ostream& out, const tKesMessage& header, uint16_t type, const char* expected) {
   if (header.type == type) return true;
   out << "Message Type " << header.type << " (ERROR: " << expected << " expected)";
   return false;
@@ -77,9 +76,8 @@ std::ostream& operator<<(std::ostream& out, const tKesCoreRegister& message) {
 
 std::ostream& operator<<(std::ostream& out, const tKesAgentGreetingsMessage& message) {
   if (!IsOfType(out, message.header, KES_AGENT_GREETINGS, "KES_AGENT_GREETINGS")) return out;
-  return out << "Agent Greetings Message: version " << message.header.version
-             << ", card name \"" << FieldString(message.cardName, sizeof message.cardName)
-             << '"';
+  return out << "Agent Greetings Message: version " << message.header.version << ", card name \""
+             << FieldString(message.cardName, sizeof message.cardName) << '"';
 }
 
 std::ostream& operator<<(std::ostream& out, const tKesUnregAddLogMessage& message) {
@@ -99,8 +97,8 @@ std::ostream& operator<<(std::ostream& out, const tKesRegHandleMessage& message)
   if (!IsOfType(out, message.header, KES_REG_HANDLE, "KES_REG_HANDLE")) return out;
   const char* area = message.stringArea;
   const size_t size = sizeof message.stringArea;
-  return out << "Registration Handle Message: version " << message.header.version
-             << ", handle " << message.handle << ", mod name in log "
+  return out << "Registration Handle Message: version " << message.header.version << ", handle "
+             << message.handle << ", mod name in log "
              << AreaString(area, size, message.moduleNameInLogOffset) << ", file name "
              << AreaString(area, size, message.logFileNameOffset);
 }
@@ -109,9 +107,9 @@ std::ostream& operator<<(std::ostream& out, const tKesInternalLogRequestMessage&
   if (!IsOfType(out, message.header, KES_INTERNAL_LOG_REQUEST, "KES_INTERNAL_LOG_REQUEST")) {
     return out;
   }
-  return out << "Internal Log Request Message: version " << message.header.version
-             << ", severity " << GetSeverityStringForKestrinMessageContents(message.severity)
-             << ", eventID " << message.eventId << ", logDestination "
+  return out << "Internal Log Request Message: version " << message.header.version << ", severity "
+             << GetSeverityStringForKestrinMessageContents(message.severity) << ", eventID "
+             << message.eventId << ", logDestination "
              << LoggingDestinationAsString(message.logDestination) << ", messageToLog "
              << FieldString(message.messageToLog, sizeof message.messageToLog);
 }

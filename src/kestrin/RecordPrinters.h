@@ -3,8 +3,8 @@
 // Each printer first checks the record's type field; a record of another type
 // prints only "Message Type <type> (ERROR: <expected code> expected)". No
 // printer ends its output with a newline. Times print their microseconds as 6
-// zero-filled digits and set the fill character back to a blank. Strings are printed up to their NUL but never beyond
-// their field, so an unchecked record cannot make a printer read past it.
+// zero-filled digits and set the fill character back to a blank. Strings are printed up to their
+// NUL but never beyond their field, so an unchecked record cannot make a printer read past it.
 //
 // The printers are free functions in namespace kestrin, beside the record
 // types, so that argument-dependent lookup finds them from any namespace.

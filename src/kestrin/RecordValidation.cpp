@@ -25,11 +25,10 @@ std::string Excerpt(const char* start, size_t limit) {
 
 // The record must end exactly at the NUL of the string that starts at
 // `offset` and holds at most max - 1 characters.
-bool ValidateStringAtEndOfMessage(const void* message, unsigned int size, size_t offset,
-                                  size_t max, const char* name) {
+bool ValidateStringAtEndOfMessage(const void* message, unsigned int size, size_t offset, size_t max,
+                                  const char* name) {
   if (size <= offset) {
-    LogError(std::string(name) + ": Message of length " + std::to_string(size) +
-             " is incomplete");
+    LogError(std::string(name) + ": Message of length " + std::to_string(size) + " is incomplete");
     return false;
   }
   const char* string = BytesOf(message) + offset;
@@ -87,10 +86,9 @@ bool IsActive(const tKesRegTableEntry& entry) { return entry.state == KES_SLOT_S
 // Completes the handle check's error line, whose first part the caller has
 // put into `line`, with the record's origin and the start of its text, and
 // logs it. The record's text check has passed, so `size` is at least 41.
-void LogBadHandle(std::ostringstream& line, const tKesAddLogMessage* message,
-                  unsigned int size) {
-  line << ". Card: " << CardID(message->cardId) << ", caller's PID: " << message->pid
-       << ", msg: " << Excerpt(message->text, std::min<size_t>(maxNumCharsOfBadMsgToLog, size - 41));
+void LogBadHandle(std::ostringstream& line, const tKesAddLogMessage* message, unsigned int size) {
+  line << ". Card: " << CardID(message->cardId) << ", caller's PID: " << message->pid << ", msg: "
+       << Excerpt(message->text, std::min<size_t>(maxNumCharsOfBadMsgToLog, size - 41));
   LogError(line.str());
 }
 
@@ -136,8 +134,7 @@ bool ValidateCoreRegisterMessage(const tKesCoreRegister* message, unsigned int s
 }
 
 bool ValidateAgentGreetingsMessage(const tKesAgentGreetingsMessage* message, unsigned int size) {
-  return ValidateStringAtEndOfMessage(message, size,
-                                      offsetof(tKesAgentGreetingsMessage, cardName),
+  return ValidateStringAtEndOfMessage(message, size, offsetof(tKesAgentGreetingsMessage, cardName),
                                       KES_MAX_CARD_NAME, "AgentGreetingsMessage");
 }
 

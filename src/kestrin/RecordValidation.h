@@ -29,8 +29,7 @@ constexpr size_t maxNumCharsOfBadMsgToLog = 50;
 // equals it. `*slot` receives the record's handle whenever the text check
 // passed, whatever the outcome of the handle check. A registration table
 // that is not attached counts as one whose slots are all inactive.
-bool ValidateAddLogMessage(const tKesAddLogMessage* message, unsigned int size,
-                           unsigned int* slot);
+bool ValidateAddLogMessage(const tKesAddLogMessage* message, unsigned int size, unsigned int* slot);
 
 // The file name must end the record (offset 8, at most 511 characters).
 bool ValidateLogFileSizeMessage(const tKesLogFileSizeMessage* message, unsigned int size);

@@ -1,5 +1,3 @@
-#include "kestrin/RecordValidation.h"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,6 +5,7 @@
 #include <vector>
 
 #include "kestrin/OwnLogTestSupport.h"
+#include "kestrin/RecordValidation.h"
 #include "kestrin/RegTable.h"
 
 namespace kestrin {
@@ -330,10 +329,10 @@ TEST_F(RecordValidation, InternalLogRequestNeedsItsTextAtTheEnd) {
   EXPECT_TRUE(ValidateInternalLogRequestMessage(&m, 21 + 7));
   OwnLogCapture log;
   EXPECT_FALSE(ValidateInternalLogRequestMessage(&m, 21));
-  EXPECT_FALSE(ValidateInternalLogRequestMessage(&m, 21 + 8));
+  EXPECT_FALSE(ValidateInternalLogRequestMessage(&m, 21 + 5));
   EXPECT_EQ((Lines{"InternalLogRequestMessage: Message of length 21 is incomplete",
                    "InternalLogRequestMessage: String not null-terminated, or message size "
-                   "incorrect. String: report"}),
+                   "incorrect. String: repor"}),
             log.Texts());
 }
 
@@ -363,9 +362,8 @@ class UnregValidation : public RecordValidation {
     in.header.version = KES_INTERFACE_VERSION;
     in.header.type = KES_ADD_LOG;
     strcpy(in.text, text);
-    return FormatKesUnregAddLogMessage(&m(), &in,
-                                       static_cast<unsigned int>(41 + strlen(text)), module,
-                                       inLog, file);
+    return FormatKesUnregAddLogMessage(&m(), &in, static_cast<unsigned int>(41 + strlen(text)),
+                                       module, inLog, file);
   }
   tKesUnregAddLogMessage& m() { return received.message.unregAddLog; }
 };

@@ -1,5 +1,6 @@
 #include "kestrin/RegTable.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -75,8 +76,8 @@ bool AttachRegistrationTable(bool* isNew) {
   if (result != OS_OK) {
     Report(KES_SEVERITY_ERROR, std::string("Unable to create a Registration shared-memory "
                                            "segment. Name ") +
-                                   KesRegTableSharedMemoryName + ", Error: " +
-                                   std::to_string(osGetSpecificErrorCode(result)));
+                                   KesRegTableSharedMemoryName +
+                                   ", Error: " + std::to_string(osGetSpecificErrorCode(result)));
     return false;
   }
   Report(KES_SEVERITY_DEBUG,
@@ -103,10 +104,15 @@ uint32_t DefaultFilter() {
   return LogFile::SeverityFilter::GetDefault().AsQrtSeverityForFilter();
 }
 
-// perror's form for a failed call whose error value the platform gave.
-[[noreturn]] void ExitAfterFailedCall(const char* call, int result) {
-  fprintf(stderr, "%s: %s\n", call, strerror(osGetSpecificErrorCode(result)));
+// perror's form, "<call>: <reason>", then the start-up failure status.
+[[noreturn]] void ExitAfterFailedCall(const char* call, const char* reason) {
+  fprintf(stderr, "%s: %s\n", call, reason);
   exit(1);
+}
+
+// The same for a call whose error value the platform layer gave.
+[[noreturn]] void ExitAfterFailedCall(const char* call, int result) {
+  ExitAfterFailedCall(call, strerror(osGetSpecificErrorCode(result)));
 }
 
 }  // namespace
@@ -134,8 +140,10 @@ bool InitializeSharedMemory() {
 void create_ipc_semaphore() {
   char keyFile[4096];
   int key = 0;
-  int result = osMapPath(KES_FTOK_TARGET, keyFile, sizeof keyFile);
-  if (result == OS_OK) result = osSysVKey(keyFile, KES_SEMAPHORE_PROJECT_ID, &key);
+  if (osMapPath(KES_FTOK_TARGET, keyFile, sizeof keyFile) != OS_OK) {
+    ExitAfterFailedCall("ftok", strerror(ENAMETOOLONG));
+  }
+  int result = osSysVKey(keyFile, KES_SEMAPHORE_PROJECT_ID, &key);
   if (result != OS_OK) ExitAfterFailedCall("ftok", result);
 
   int semaphore = -1;
@@ -182,8 +190,8 @@ void DumpRegTable() {
       if (entry.state != KES_SLOT_STATE_REGISTERED || !OwnLogAdmits(KES_SEVERITY_INFO)) continue;
       uint32_t filter = mySegment == nullptr ? 0 : mySegment->filter[slot];
       Report(KES_SEVERITY_INFO,
-             "Slot " + std::to_string(slot) + ": module: " +
-                 FieldString(entry.moduleName, sizeof entry.moduleName) + " (" +
+             "Slot " + std::to_string(slot) +
+                 ": module: " + FieldString(entry.moduleName, sizeof entry.moduleName) + " (" +
                  FieldString(entry.moduleNameInLog, sizeof entry.moduleNameInLog) +
                  "), file: " + FieldString(entry.logFileName, sizeof entry.logFileName) +
                  ", Filter: " + std::to_string(filter));
