@@ -1,0 +1,171 @@
+// Log messages: the filter check against the daemon's published filters, the
+// add-log record, the non-waiting send and the dropped-messages accounting.
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <atomic>
+
+#include "kestrin/Records.h"
+#include "osa/osa.h"
+#include "qrt/QrtConnection.h"
+#include "qrt/QrtDiag.h"
+#include "qrt/QrtInternal.h"
+
+namespace {
+
+using kestrin::tKesAddLogMessage;
+using kestrin::tKesLoggerMessage;
+
+constexpr size_t TEXT_OFFSET = offsetof(tKesAddLogMessage, text);
+constexpr size_t MAX_TEXT_LENGTH = kestrin::KES_MAX_MESSAGE_TEXT - 1;  // 899
+// Flag bit: messages of this process were dropped before this one.
+constexpr uint16_t FLAG_MESSAGES_DROPPED = 2;
+
+// Dropped-messages accounting, lock-free so that any thread may log.
+// g_dropped counts every message the queue refused; g_reported is the
+// highest value of g_dropped that a delivered message has carried the flag
+// for. A message carries the flag while the two differ when it is built, so
+// a drop that happens while another thread's flagged message is in flight is
+// still reported by a later message.
+std::atomic<unsigned long> g_dropped{0};
+std::atomic<unsigned long> g_reported{0};
+
+void mark_reported(unsigned long dropped) {
+  unsigned long seen = g_reported.load();
+  while (seen < dropped && !g_reported.compare_exchange_weak(seen, dropped)) {
+  }
+}
+
+// Whether a message of `severity` for `handle` is to be sent. Reads the
+// shared memory only: no system call once the segments are attached.
+int admit(int handle, unsigned short severity, bool* send) {
+  if (handle < 0 || handle >= KES_REG_TABLE_SLOTS) return QRT_ERROR_INVALID_HANDLE;
+  qrt::Segments segments;
+  int result = qrt::get_segments(&segments);
+  if (result != QRT_OK) return result;
+  if (__atomic_load_n(&segments.table[handle].state, __ATOMIC_ACQUIRE) !=
+      KES_SLOT_STATE_REGISTERED) {
+    return QRT_ERROR_INVALID_HANDLE;
+  }
+  // One aligned 32-bit load: the daemon rewrites filters without a lock.
+  uint32_t filter = __atomic_load_n(&segments.filters->filter[handle], __ATOMIC_RELAXED);
+  *send = severity <= filter;
+  return QRT_OK;
+}
+
+void fill_add_log(tKesAddLogMessage* record, int handle, unsigned char destination,
+                  unsigned short severity, unsigned long eventId, unsigned long eventClass) {
+  record->header.version = kestrin::KES_INTERFACE_VERSION;
+  record->header.type = kestrin::KES_ADD_LOG;
+  record->handle = static_cast<uint32_t>(handle);
+  record->destination = destination;
+  record->severity = severity;
+  record->eventClass = static_cast<uint32_t>(eventClass);
+  record->eventId = static_cast<int32_t>(eventId);
+  long seconds = 0;
+  long microseconds = 0;
+  osGetTimeOfDay(&seconds, &microseconds);
+  record->timeSeconds = static_cast<int32_t>(seconds);
+  record->timeMicroseconds = static_cast<int32_t>(microseconds);
+  record->cardId = 0;
+  unsigned long pid = 0;
+  osGetProcessId(&pid);
+  record->pid = static_cast<int32_t>(pid);
+}
+
+// Builds and sends one admitted message; `textLength` is at most 899.
+int send_add_log(int handle, unsigned char destination, unsigned short severity,
+                 unsigned long eventId, const char* text, size_t textLength,
+                 unsigned long eventClass) {
+  // Zeroed whole: the bytes after the record's NUL must be zero.
+  tKesLoggerMessage message;
+  memset(&message, 0, sizeof message);
+  message.mtype = 1;
+  fill_add_log(&message.addLog, handle, destination, severity, eventId, eventClass);
+  memcpy(message.addLog.text, text, textLength);
+  unsigned long dropped = g_dropped.load();
+  if (dropped != g_reported.load()) message.addLog.flags |= FLAG_MESSAGES_DROPPED;
+  size_t recordSize = TEXT_OFFSET + textLength + 1;
+  int result = qrt::send_to_daemon(&message, kestrin::KesQueueSendLength(recordSize), 1);
+  if (result == QRT_OK) {
+    mark_reported(dropped);
+  } else {
+    g_dropped.fetch_add(1);
+  }
+  return result;
+}
+
+int add_log(int handle, unsigned char destination, unsigned short severity, unsigned long eventId,
+            const char* text, unsigned long eventClass) {
+  bool send = false;
+  int result = admit(handle, severity, &send);
+  if (result != QRT_OK || !send) return result;
+  if (text == nullptr) text = "";
+  return send_add_log(handle, destination, severity, eventId, text, strnlen(text, MAX_TEXT_LENGTH),
+                      eventClass);
+}
+
+int add_log_formatted(int handle, unsigned char destination, unsigned short severity,
+                      unsigned long eventId, const char* format, va_list args) {
+  if (format == nullptr) return QRT_ERROR_INVALID_PARAMETER;
+  bool send = false;
+  int result = admit(handle, severity, &send);
+  if (result != QRT_OK || !send) return result;
+  char text[kestrin::KES_MAX_MESSAGE_TEXT];
+  int length = vsnprintf(text, sizeof text, format, args);
+  if (length < 0) return QRT_ERROR_INVALID_PARAMETER;
+  size_t textLength =
+      static_cast<size_t>(length) > MAX_TEXT_LENGTH ? MAX_TEXT_LENGTH : static_cast<size_t>(length);
+  return send_add_log(handle, destination, severity, eventId, text, textLength,
+                      QRT_EVENT_CLASS_UNSPECIFIED);
+}
+
+int enqueue(const tKesLoggerMessage* message, int noWait, unsigned int textLength) {
+  if (message == nullptr || message->mtype != 1 || textLength > MAX_TEXT_LENGTH) {
+    return QRT_ERROR_INVALID_PARAMETER;
+  }
+  tKesLoggerMessage copy;
+  memset(&copy, 0, sizeof copy);
+  copy.mtype = 1;
+  memcpy(&copy.addLog, &message->addLog, TEXT_OFFSET + textLength);
+  copy.addLog.text[textLength] = '\0';
+  size_t recordSize = TEXT_OFFSET + textLength + 1;
+  return qrt::send_to_daemon(&copy, kestrin::KesQueueSendLength(recordSize), noWait);
+}
+
+}  // namespace
+
+extern "C" int QrtDiagAddLogWithEvClass(int handle, unsigned char destination,
+                                        unsigned short severity, unsigned long eventId,
+                                        const char* text, unsigned long eventClass) {
+  try {
+    return add_log(handle, destination, severity, eventId, text, eventClass);
+  } catch (...) {
+    return QRT_ERROR_INTERNAL;
+  }
+}
+
+extern "C" int QrtDiagAddLog(int handle, unsigned char destination, unsigned short severity,
+                             unsigned long eventId, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  int result;
+  try {
+    result = add_log_formatted(handle, destination, severity, eventId, format, args);
+  } catch (...) {
+    result = QRT_ERROR_INTERNAL;
+  }
+  va_end(args);
+  return result;
+}
+
+extern "C" unsigned long QrtDiagGetDroppedCount(void) { return g_dropped.load(); }
+
+int EnqueueAddLogMessage(const tKesLoggerMessage* message, int noWait, unsigned int textLength) {
+  try {
+    return enqueue(message, noWait, textLength);
+  } catch (...) {
+    return QRT_ERROR_INTERNAL;
+  }
+}

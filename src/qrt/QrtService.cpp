@@ -1,0 +1,219 @@
+// Registration with the service manager.
+//
+// Design: a process started by systemd as a Type=notify unit finds
+// NOTIFY_SOCKET in its environment and reports "READY=1" and "STOPPING=1"
+// through sd_notify; it stays in the foreground, where systemd wants it.
+// Started by hand, it detaches: QrtServiceStartService forks, the original
+// process blocks on a pipe until the child writes one byte from
+// QrtServiceInitialized (or closes it by ending or stopping), and exits with
+// the outcome, so that "kestrin start" returns only once the daemon is ready.
+//
+// Termination requests arrive as SIGTERM. The signal is blocked in the
+// calling (main) thread before any other thread exists, so every thread
+// inherits the block and the kernel holds the signal for the one thread that
+// waits for it with sigwait: the callback then runs on that thread, outside
+// any signal handler, and may do real work (the daemon's clean-up).
+//
+// The platform layer offers no fork, pipe or signal-mask calls; they are
+// made here directly, in this file only.
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <string>
+
+#include "osa/osa.h"
+#include "qrt/QrtDiag.h"
+
+namespace {
+
+enum class ServiceState { NOT_STARTED, STARTED, READY, STOPPED };
+
+// The process's one registration. Written by the QrtService* calls under
+// g_lock; the signal and watchdog threads read only the fields that are set
+// before they start and never change afterwards (callback, timeout, name).
+struct Service {
+  ServiceState state = ServiceState::NOT_STARTED;
+  bool underManager = false;  // NOTIFY_SOCKET was set at start
+  int readyFd = -1;           // after a fork: the readiness pipe; -1 once used
+  QrtServiceTerminationCallback callback = nullptr;
+  int stopTimeoutSeconds = 0;
+  std::string name;
+};
+
+std::mutex g_lock;
+Service g_service;
+
+bool under_service_manager() {
+  const char* socket = getenv("NOTIFY_SOCKET");
+  return socket != nullptr && socket[0] != '\0';
+}
+
+// The original process's side of a detach: the exit status to end with.
+int wait_for_readiness(int readFd, pid_t child, const char* name) {
+  char byte = 0;
+  ssize_t n;
+  do {
+    n = read(readFd, &byte, 1);
+  } while (n < 0 && errno == EINTR);
+  if (n == 1) return 0;
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  int code = 1;
+  if (WIFEXITED(status) && WEXITSTATUS(status) != 0) code = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) code = 128 + WTERMSIG(status);
+  fprintf(stderr, "%s: the background process ended before it was ready\n", name);
+  return code;
+}
+
+// Forks; only the child returns (QRT_OK, holding the pipe's write end in
+// g_service.readyFd), in a session of its own.
+int detach(const char* name) {
+  // Buffered output would otherwise be written by both processes.
+  fflush(nullptr);
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) return QRT_ERROR_SYSTEM;
+  pid_t child = fork();
+  if (child < 0) {
+    close(fds[0]);
+    close(fds[1]);
+    return QRT_ERROR_SYSTEM;
+  }
+  if (child > 0) {
+    close(fds[1]);
+    // _exit: the child owns the process's resources from now on; running
+    // static destructors or atexit handlers here would tear them down.
+    _exit(wait_for_readiness(fds[0], child, name));
+  }
+  close(fds[0]);
+  setsid();
+  g_service.readyFd = fds[1];
+  return QRT_OK;
+}
+
+// Ends the process when a termination request has not ended it in time.
+void stop_watchdog(void*) {
+  osSleep(static_cast<unsigned long>(g_service.stopTimeoutSeconds) * 1000UL);
+  fprintf(stderr, "%s: still running %d s after a termination request; ending it\n",
+          g_service.name.c_str(), g_service.stopTimeoutSeconds);
+  osSyslog(OS_LOG_CRIT, "%s: still running %d s after a termination request; ending it",
+           g_service.name.c_str(), g_service.stopTimeoutSeconds);
+  _exit(1);
+}
+
+void termination_thread(void*) {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  bool watchdogStarted = false;
+  for (;;) {
+    int signalNumber = 0;
+    if (sigwait(&signals, &signalNumber) != 0) continue;
+    if (!watchdogStarted && g_service.stopTimeoutSeconds > 0) {
+      watchdogStarted = true;
+      osCreateTask("QrtStopWatchdog", 0, 0, stop_watchdog, nullptr, nullptr);
+    }
+    g_service.callback(static_cast<unsigned long>(signalNumber));
+  }
+}
+
+int start_termination_thread() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) return QRT_ERROR_SYSTEM;
+  if (osCreateTask("QrtTermination", 0, 0, termination_thread, nullptr, nullptr) != OS_OK) {
+    return QRT_ERROR_SYSTEM;
+  }
+  return QRT_OK;
+}
+
+int start_service(const char* name, int options, int interfaceVersion,
+                  QrtServiceTerminationCallback callback, int stopTimeoutSeconds) {
+  if (name == nullptr || callback == nullptr || interfaceVersion != QRT_SERVICE_INTERFACE_VERSION ||
+      (options & ~QRT_SERVICE_OPTION_FOREGROUND) != 0 || stopTimeoutSeconds < 0) {
+    return QRT_ERROR_INVALID_PARAMETER;
+  }
+  std::lock_guard<std::mutex> guard(g_lock);
+  if (g_service.state != ServiceState::NOT_STARTED) return QRT_ERROR_INVALID_STATE;
+  g_service.name = name;
+  g_service.callback = callback;
+  g_service.stopTimeoutSeconds = stopTimeoutSeconds;
+  g_service.underManager = under_service_manager();
+  if (!g_service.underManager && (options & QRT_SERVICE_OPTION_FOREGROUND) == 0) {
+    int result = detach(name);
+    if (result != QRT_OK) return result;
+  }
+  g_service.state = ServiceState::STARTED;
+  return start_termination_thread();
+}
+
+int service_initialized() {
+  std::lock_guard<std::mutex> guard(g_lock);
+  if (g_service.state != ServiceState::STARTED) return QRT_ERROR_INVALID_STATE;
+  if (g_service.underManager) {
+    if (sd_notify(0, "READY=1") < 0) return QRT_ERROR_SYSTEM;
+  } else if (g_service.readyFd >= 0) {
+    char byte = 'R';
+    ssize_t n;
+    do {
+      n = write(g_service.readyFd, &byte, 1);
+    } while (n < 0 && errno == EINTR);
+    close(g_service.readyFd);
+    g_service.readyFd = -1;
+    if (n != 1) return QRT_ERROR_SYSTEM;
+  }
+  g_service.state = ServiceState::READY;
+  return QRT_OK;
+}
+
+int stop_service() {
+  std::lock_guard<std::mutex> guard(g_lock);
+  if (g_service.state == ServiceState::NOT_STARTED || g_service.state == ServiceState::STOPPED) {
+    return QRT_ERROR_INVALID_STATE;
+  }
+  g_service.state = ServiceState::STOPPED;
+  if (g_service.readyFd >= 0) {
+    // Start-up never completed: the waiting original process reports it.
+    close(g_service.readyFd);
+    g_service.readyFd = -1;
+  }
+  if (g_service.underManager && sd_notify(0, "STOPPING=1") < 0) return QRT_ERROR_SYSTEM;
+  return QRT_OK;
+}
+
+}  // namespace
+
+extern "C" int QrtServiceStartService(const char* serviceName, int options, int interfaceVersion,
+                                      QrtServiceTerminationCallback terminationCallback,
+                                      int stopTimeoutSeconds) {
+  try {
+    return start_service(serviceName, options, interfaceVersion, terminationCallback,
+                         stopTimeoutSeconds);
+  } catch (...) {
+    return QRT_ERROR_INTERNAL;
+  }
+}
+
+extern "C" int QrtServiceInitialized(void) {
+  try {
+    return service_initialized();
+  } catch (...) {
+    return QRT_ERROR_INTERNAL;
+  }
+}
+
+extern "C" int QrtServiceStopService(void) {
+  try {
+    return stop_service();
+  } catch (...) {
+    return QRT_ERROR_INTERNAL;
+  }
+}
