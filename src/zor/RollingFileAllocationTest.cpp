@@ -17,6 +17,10 @@ std::atomic<long> g_allocations{0};
 
 }  // namespace
 
+// The counting operator new pairs malloc with free in operator delete; gcc
+// cannot see that the two replaced operators belong together.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
 void* operator new(size_t size) {
   if (g_counting.load()) ++g_allocations;
   void* memory = malloc(size == 0 ? 1 : size);
