@@ -57,11 +57,11 @@ void load_configuration_file();
 
 // Looks a request up in AlarmMap. Output texts point into the request's text
 // or into AlarmMap and stay valid until the next load.
-void alarmMapper(int32_t eventId, const char* text, int32_t* reportedId,
-                 const char** severityWord, DetailedSeverity* severity, uint32_t* eventClass,
-                 const char** message, const char** led1, const char** led2, bool* trap,
-                 bool* alarm, bool* alarmSet, bool* visible, const char** alarmSetText,
-                 const char** alarmFilterDescription, const char** problemResolution);
+void alarmMapper(int32_t eventId, const char* text, int32_t* reportedId, const char** severityWord,
+                 DetailedSeverity* severity, uint32_t* eventClass, const char** message,
+                 const char** led1, const char** led2, bool* trap, bool* alarm, bool* alarmSet,
+                 bool* visible, const char** alarmSetText, const char** alarmFilterDescription,
+                 const char** problemResolution);
 
 // Drives LED 1 then LED 2 to the given state words (empty: no change).
 void UpdateLEDs(const char* led1, const char* led2, int32_t eventId);

@@ -69,11 +69,10 @@ class InternalEventManager {
   // The client library's signatures (QrtDiagRegisterModule and
   // QrtDiagAddLogWithEvClass), replaceable so that tests can watch the
   // submissions and make registration fail.
-  using RegisterFunction = int (*)(const char* moduleName, const char* moduleNameInLog,
-                                   int flags, const char* logFileName, int* handle);
+  using RegisterFunction = int (*)(const char* moduleName, const char* moduleNameInLog, int flags,
+                                   const char* logFileName, int* handle);
   using AddLogFunction = int (*)(int handle, unsigned char destination, unsigned short severity,
-                                 unsigned long eventId, const char* text,
-                                 unsigned long eventClass);
+                                 unsigned long eventId, const char* text, unsigned long eventClass);
 
   static constexpr size_t MAX_DEFERRED_EVENTS = 25;
 
@@ -90,8 +89,8 @@ class InternalEventManager {
   // Submits the event (after any deferred ones) once the system can
   // generate events and a handle is had; otherwise defers it. A failed
   // submission is logged as an error and not repeated.
-  void GenerateEvent(uint8_t destinationLogs, uint16_t severity, uint32_t eventId,
-                     const char* text, uint32_t eventClass);
+  void GenerateEvent(uint8_t destinationLogs, uint16_t severity, uint32_t eventId, const char* text,
+                     uint32_t eventClass);
 
   // From now on events are submitted; the deferred ones go first.
   void SystemCanGenerateEvents();
@@ -112,9 +111,9 @@ class InternalEventManager {
   void Submit(int handle, const DeferredEvent& event);
 
   Zor::GenericCriticalSection lock;
-  int handle;  // -1 while not registered
+  int handle;                                // -1 while not registered
   std::deque<DeferredEvent> deferredEvents;  // at most MAX_DEFERRED_EVENTS
-  bool systemCanGenerateEvents;  // false until SystemCanGenerateEvents
+  bool systemCanGenerateEvents;              // false until SystemCanGenerateEvents
   RegisterFunction registerModule;
   AddLogFunction addLog;
 };

@@ -17,6 +17,9 @@ void SetAllFilesToUseDefaults();
 // The re-read: read_private_config_file, then load_configuration_file.
 void reload_configuration();
 
+// Tests only: the next read_private_config_file is a start-up read again.
+void MarkNextConfigurationReadAsFirstForTesting();
+
 }  // namespace kestrin
 
 #endif  // KESTRIN_KESTRIN_CONFIGURATION_H_
