@@ -104,8 +104,13 @@ bool LogPrivateMessage(const LogFilePtr& file, long seconds, long microseconds,
                        unsigned short qrtSeverity, unsigned long /*cardId*/, const char* name,
                        int eventId, const char* text, bool messagesDropped) {
   if (file.IsNil()) return false;
+  // A copy, not the cache itself: the first write opens the file, and the
+  // open is reported (into the daemon's own log, with the current time)
+  // before the line is formatted, which refills the cache.
+  char stamp[80];
+  GetTimestampString(seconds, stamp, sizeof stamp);
   int written = file->LogPrintf(qrtSeverity, "%s%03ld %s%s[%s] {%s} (%d) - %s%s\n",
-                                GetTimestampString(seconds), microseconds / 1000, "", "",
+                                stamp, microseconds / 1000, "", "",
                                 GetSeverityStringForDesignerLogs(qrtSeverity),
                                 name == nullptr ? "" : name, eventId,
                                 messagesDropped ? "(Messages have been dropped.) " : "",

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "kestrin/PrivateRootEnvironment.h"
+#include "kestrin/Timestamp.h"
 #include "osa/osa.h"
 #include "zor/RecordingLogger.h"
 
@@ -126,6 +127,22 @@ TEST(LogPrivateMessage, WritesTheExactLine) {
       "1970-01-02T01:01:01.042 [INFO ] {modname} (-1) - hello\n"
       "1970-01-02T01:01:01.000 [ERROR] {Kestrin} (7012) - (Messages have been dropped.) late\n",
       ReadFile(file->GetPathName()));
+}
+
+TEST(LogPrivateMessage, OpeningReportDoesNotChangeTheLinesTime) {
+  UtcTime utc;
+  // The report of the first open formats another second, as the daemon's
+  // own log does when it writes the "Opened file" line.
+  Zor::RecordingLogger recorder;
+  recorder.SetAfterEach([](const Zor::RecordingLogger::Entry&) { GetTimestampString(999999); });
+  Zor::RollingFile::SetLogger(AppFw::SmartPointerNTS<Zor::LogInterface>(&recorder, false));
+  LogFilePtr file(new LogFile("first-line.log"));
+  EXPECT_TRUE(LogPrivateMessage(file, 60, 0, 4, 0, "m", 1, "first", false));
+  Zor::RollingFile::GetLoggerMgr().ClearLogger();
+  ASSERT_FALSE(recorder.Entries().empty());
+  EXPECT_EQ(0u, recorder.Entries().back().text.rfind("RollingFile: Opened file ", 0));
+  file->Flush();
+  EXPECT_EQ("1970-01-01T00:01:00.000 [INFO ] {m} (1) - first\n", ReadFile(file->GetPathName()));
 }
 
 TEST(LogPrivateMessage, LineRefusedByTheFilterCountsAsNotWritten) {

@@ -1,0 +1,116 @@
+// End-to-end test harness: the real daemon under a private root.
+//
+// A KestrinServer makes a fresh root (kv/etc with the key file, a quiet
+// Kestrin.conf and an empty KestrinTaxonomy, kv/log), points this process's
+// KESTRIN_ROOT at it, and starts build/bin/kestrin there with standard
+// output and standard error kept in files. Tests then talk to the daemon
+// over its real queue (raw records, or the client library) and read the
+// exact lines it wrote. Every wait is bounded. At the end the daemon is
+// killed if it still runs, its standard error is scanned for sanitizer
+// reports, and the root and the System V objects keyed on it are removed.
+//
+// One server per test; tests run in parallel processes, each with its own
+// root (and so its own keys, segments and single-instance lock).
+#ifndef KESTRIN_TESTS_E2E_KESTRIN_SERVER_H_
+#define KESTRIN_TESTS_E2E_KESTRIN_SERVER_H_
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kestrin_e2e {
+
+// The outcome of a process that ran to its end.
+struct Finished {
+  int status = -1;  // exit status; 128 + signal when killed; -1 when it did not end in time
+  std::string out;  // standard output
+};
+
+class KestrinServer {
+ public:
+  // With `withKeyFile` false the root lacks the key file.
+  explicit KestrinServer(bool withKeyFile = true);
+  ~KestrinServer();
+  KestrinServer(const KestrinServer&) = delete;
+  KestrinServer& operator=(const KestrinServer&) = delete;
+
+  const std::string& Root() const { return root_; }
+  // Writes `content` to `relative` under the root (directories made).
+  void WriteFile(const std::string& relative, const std::string& content) const;
+  // The content of `relative` under the root; empty when missing.
+  std::string ReadFile(const std::string& relative) const;
+  // The lines of kv/log/<name>, without line ends.
+  std::vector<std::string> LogLines(const std::string& name) const;
+  // The texts after ") - " of the daemon's own log (kv/log/Kestrin.log).
+  std::vector<std::string> OwnLogTexts() const;
+
+  // Starts the daemon with `arguments` in the foreground (or as `start`
+  // says). `environment` entries ("NAME=value") are added to this
+  // process's; NOTIFY_SOCKET is dropped unless given there. The daemon runs
+  // with TZ=UTC.
+  void Start(const std::vector<std::string>& arguments = {},
+             const std::vector<std::string>& environment = {});
+  // Waits until the daemon printed "Configuration complete" (its queue and
+  // semaphore exist by then); false after `timeoutMs`.
+  bool WaitForReady(int timeoutMs = 10000);
+  // Waits until the daemon's standard output holds `text` `count` times.
+  bool WaitForOutput(const std::string& text, int timeoutMs = 10000, int count = 1);
+  // Waits until kv/log/<name> holds a line containing `text`.
+  bool WaitForLogLine(const std::string& name, const std::string& text, int timeoutMs = 10000);
+  // Waits until the daemon's own log holds a line whose text equals `text`.
+  bool WaitForOwnLogText(const std::string& text, int timeoutMs = 10000);
+  // The daemon's exit status (128 + signal when a signal ended it); -1 when
+  // it still runs after `timeoutMs`.
+  int WaitForExit(int timeoutMs = 10000);
+  bool Running() const { return pid_ > 0; }
+  pid_t Pid() const { return pid_; }
+  // Adopts a daemon that detached from the process Start began (its pid
+  // read from its own log); false when none could be found.
+  bool AdoptDetachedDaemon(int timeoutMs = 10000);
+  void Signal(int signalNumber) const;
+  std::string Stdout() const;
+  std::string Stderr() const;
+
+  // Runs another kestrin process (a client, or a second daemon) to its end.
+  Finished Run(const std::vector<std::string>& arguments, int timeoutMs = 10000,
+               const std::vector<std::string>& environment = {});
+
+  // Puts `textSize` bytes after the type word on the daemon's queue (keyed
+  // with `queueKey`).
+  void SendText(const void* text, size_t textSize, long typeWord = 1, char queueKey = 'Q') const;
+  // Sends a record as every sender does: its bytes and 4 zero bytes.
+  void SendRecord(const void* record, size_t recordSize, long typeWord = 1,
+                  char queueKey = 'Q') const;
+  void SendHeader(uint16_t type, uint16_t version = 34, long typeWord = 1,
+                  char queueKey = 'Q') const;
+
+  // The path of the daemon executable.
+  static std::string DaemonPath();
+
+ private:
+  pid_t Spawn(const std::vector<std::string>& arguments,
+              const std::vector<std::string>& environment, const std::string& outPath,
+              const std::string& errPath) const;
+  void MakeRoot(bool withKeyFile);
+  void KillDaemon();
+  void CheckForSanitizerReports(const std::string& errors, const std::string& what) const;
+  void RemoveSystemVObjects() const;
+
+  std::string root_;
+  pid_t pid_ = -1;
+  int runs_ = 0;  // numbered output files of Start and Run
+  std::string outPath_;
+  std::string errPath_;
+  std::vector<std::string> errPaths_;  // every process's standard error, scanned at the end
+};
+
+// Whether `lines` holds `line`, and how often.
+int Count(const std::vector<std::string>& lines, const std::string& line);
+// The System V key of this root's key file with `projectId`; -1 when missing.
+int KeyOf(char projectId);
+
+}  // namespace kestrin_e2e
+
+#endif  // KESTRIN_TESTS_E2E_KESTRIN_SERVER_H_
