@@ -1,6 +1,10 @@
 # Compiler warnings: on everywhere, errors when KESTRIN_WERROR is set (CI sets it).
 function(kestrin_enable_warnings)
-  add_compile_options(-Wall -Wextra -Wshadow=local -Wno-unused-parameter)
+  add_compile_options(-Wall -Wextra -Wno-unused-parameter)
+  # gcc can limit shadowing warnings to locals; clang knows only the broad one.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    add_compile_options(-Wshadow=local)
+  endif()
   if(KESTRIN_WERROR)
     add_compile_options(-Werror)
   endif()
