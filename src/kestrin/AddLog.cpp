@@ -25,8 +25,10 @@ constexpr unsigned long FLUSH_INTERVAL_MS = 4999;
 
 constexpr char PROBLEM_RESOLUTION_PREFIX[] = "; problemResolution=";
 
-// The line being written; main thread only.
-char s_line[KES_MAX_LOG_LINE + 1];
+// The line being written, with room behind its NUL for a line end, and its
+// length; main thread only.
+char s_line[KES_MAX_LOG_LINE + 2];
+size_t s_lineLength = 0;
 unsigned long s_linesFormatted = 0;
 bool s_flushTimeSet = false;
 unsigned long s_timeOfLastFlush = 0;  // osGetClock milliseconds; valid once s_flushTimeSet
@@ -105,12 +107,21 @@ void FormatLine(const tKesAddLogMessage* message, const MappedEvent& event,
                 const char* moduleNameInLog) {
   bool hasResolution = event.problemResolution != nullptr && event.problemResolution[0] != '\0';
   // snprintf cuts the line at KES_MAX_LOG_LINE characters and terminates it.
-  snprintf(s_line, sizeof s_line, "<%s>\t%s%06d\t%s\t%s\t[%d]:\teventID=%d; message=%s%s%s",
+  snprintf(s_line, KES_MAX_LOG_LINE + 1, "<%s>\t%s%06d\t%s\t%s\t[%d]:\teventID=%d; message=%s%s%s",
            event.severityWord, GetTimestampString(message->timeSeconds), message->timeMicroseconds,
            Hostname, moduleNameInLog, message->pid, event.eventId, event.message,
            hasResolution ? PROBLEM_RESOLUTION_PREFIX : "",
            hasResolution ? event.problemResolution : "");
+  s_lineLength = strnlen(s_line, KES_MAX_LOG_LINE);
   ++s_linesFormatted;
+}
+
+// Writes the formatted line and a line end, the bytes of "%s\n", as one
+// write (so that a roll-over cannot come between them) and without printf.
+void WriteFormattedLine(LogFile& file, DetailedSeverity severity) {
+  s_line[s_lineLength] = '\n';
+  file.LogWrite(severity, s_line, s_lineLength + 1);
+  s_line[s_lineLength] = '\0';
 }
 
 void FlushWhenDue(unsigned long now) {
@@ -171,17 +182,17 @@ void process_add_log_message(const tKesAddLogMessage* message) {
           event.severity, static_cast<unsigned char>(message->destination & 0xff), file);
     }
     FormatLine(message, event, names.moduleNameInLog);
-    if (event.alarm) alarmLog->LogPrintf(event.severity, "%s\n", s_line);
+    if (event.alarm) WriteFormattedLine(*alarmLog, event.severity);
   }
   if (toPrivateFile && !file.IsNil()) {
     if (operational) {
-      file->LogPrintf(event.severity, "%s\n", s_line);
+      WriteFormattedLine(*file, event.severity);
     } else {
       WritePrivateLine(file, message, names.moduleNameInLog, event.eventId, event.message,
                        (message->flags & KES_FLAG_MESSAGES_DROPPED) != 0);
     }
   }
-  if (toSystemLog) systemlog->LogPrintf(event.severity, "%s\n", s_line);
+  if (toSystemLog) WriteFormattedLine(*systemlog, event.severity);
   if (stampAll) StampAllLogs(message, s_line);
   FlushWhenDue(now);
 }

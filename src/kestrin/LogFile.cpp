@@ -1,6 +1,8 @@
 #include "kestrin/LogFile.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "kestrin/Timestamp.h"
@@ -14,11 +16,42 @@ namespace {
 
 bool s_firstStaticInitialization = true;
 
+// The private-file line: time stamp, milliseconds, two empty texts (the
+// card is deliberately not printed, so the line keeps one shape whatever the
+// card), severity word, name, event ID, the note on dropped messages and the
+// text. A macro so that the compiler checks the arguments against it.
+#define KES_PRIVATE_LINE_FORMAT "%s%03ld %s%s[%s] {%s} (%d) - %s%s\n"
+constexpr char DROPPED_NOTE[] = "(Messages have been dropped.) ";
+// Lines up to this size are assembled on the stack; longer ones (long
+// internal reports) go through the stream's formatting.
+constexpr size_t PRIVATE_LINE_CAPACITY = 2048;
+
 void ReportThroughFoundationLogger(const std::string& text, unsigned long level) {
   Zor::RollingFile::GetLoggerMgr().GetLogger()->Log(text, level);
 }
 
 }  // namespace
+
+void LineBuilder::AppendDecimal(long value, int width) {
+  constexpr int MAX_WIDTH = 20;
+  constexpr int MAX_DIGITS = 20;  // of an unsigned 64-bit magnitude
+  char text[1 + MAX_WIDTH + MAX_DIGITS];
+  char* const end = text + sizeof text;
+  char* first = end;
+  // The magnitude in unsigned arithmetic, so that LONG_MIN has one too;
+  // digits are written backwards from the end.
+  unsigned long magnitude =
+      value < 0 ? 0UL - static_cast<unsigned long>(value) : static_cast<unsigned long>(value);
+  do {
+    *--first = static_cast<char>('0' + magnitude % 10);
+    magnitude /= 10;
+  } while (magnitude != 0);
+  // printf's "0" flag: zeros between the sign and the digits up to the width.
+  const long used = static_cast<long>(end - first) + (value < 0 ? 1 : 0);
+  for (long pad = std::min(width, MAX_WIDTH) - used; pad > 0; --pad) *--first = '0';
+  if (value < 0) *--first = '-';
+  Append(first, static_cast<size_t>(end - first));
+}
 
 LogFile::LogFile(const char* fileName)
     : Zor::RollingFile(""),
@@ -60,6 +93,21 @@ int LogFile::LogPrintf(DetailedSeverity::SeverityLevel level, const char* format
 int LogFile::VLogPrintf(DetailedSeverity severity, const char* format, va_list args) {
   if (severity > severityFilter.Get()) return 0;
   return VPrintf(format, args);
+}
+
+int LogFile::LogWrite(unsigned short qrtSeverity, const char* data, size_t length) {
+  DetailedSeverity severity;
+  severity.SetFromQrtSeverity(qrtSeverity);
+  return LogWrite(severity, data, length);
+}
+
+int LogFile::LogWrite(DetailedSeverity severity, const char* data, size_t length) {
+  if (severity > severityFilter.Get()) return 0;
+  return Write(data, length);
+}
+
+int LogFile::LogWrite(DetailedSeverity::SeverityLevel level, const char* data, size_t length) {
+  return LogWrite(DetailedSeverity(level), data, length);
 }
 
 void LogFile::DoStaticInitializations() {
@@ -105,16 +153,37 @@ bool LogPrivateMessage(const LogFilePtr& file, long seconds, long microseconds,
                        int eventId, const char* text, bool messagesDropped) {
   if (file.IsNil()) return false;
   // A copy, not the cache itself: the first write opens the file, and the
-  // open is reported (into the daemon's own log, with the current time)
-  // before the line is formatted, which refills the cache.
+  // open is reported (into the daemon's own log, with the current time),
+  // which refills the cache.
   char stamp[80];
   GetTimestampString(seconds, stamp, sizeof stamp);
-  int written = file->LogPrintf(qrtSeverity, "%s%03ld %s%s[%s] {%s} (%d) - %s%s\n",
-                                stamp, microseconds / 1000, "", "",
-                                GetSeverityStringForDesignerLogs(qrtSeverity),
-                                name == nullptr ? "" : name, eventId,
-                                messagesDropped ? "(Messages have been dropped.) " : "",
-                                text == nullptr ? "" : text);
+  const char* severityWord = GetSeverityStringForDesignerLogs(qrtSeverity);
+  if (name == nullptr) name = "";
+  if (text == nullptr) text = "";
+  const char* droppedNote = messagesDropped ? DROPPED_NOTE : "";
+  // Every client request passes here, so the line is assembled by hand
+  // rather than through printf; the bytes are those of KES_PRIVATE_LINE_FORMAT.
+  char line[PRIVATE_LINE_CAPACITY];
+  LineBuilder builder(line, sizeof line);
+  builder.Append(stamp);
+  builder.AppendDecimal(microseconds / 1000, 3);
+  builder.Append(" [");
+  builder.Append(severityWord);
+  builder.Append("] {");
+  builder.Append(name);
+  builder.Append("} (");
+  builder.AppendDecimal(eventId, 0);
+  builder.Append(") - ");
+  builder.Append(droppedNote);
+  builder.Append(text);
+  builder.Append("\n");
+  int written = 0;
+  if (!builder.Overflowed()) {
+    written = file->LogWrite(qrtSeverity, line, builder.Length());
+  } else {
+    written = file->LogPrintf(qrtSeverity, KES_PRIVATE_LINE_FORMAT, stamp, microseconds / 1000, "",
+                              "", severityWord, name, eventId, droppedNote, text);
+  }
   return written != 0;
 }
 

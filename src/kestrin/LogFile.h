@@ -8,6 +8,7 @@
 #define KESTRIN_KESTRIN_LOG_FILE_H_
 
 #include <cstdarg>
+#include <cstring>
 #include <map>
 #include <string>
 
@@ -44,6 +45,12 @@ class LogFile : public Zor::RollingFile {
   int LogPrintf(DetailedSeverity::SeverityLevel level, const char* format, ...)
       __attribute__((format(printf, 3, 4)));
   int VLogPrintf(DetailedSeverity severity, const char* format, va_list args);
+  // The same for text already formatted: writes `length` bytes of `data` as
+  // they are when the severity passes the filter. Returns 0 when the filter
+  // refuses it, else what Zor::RollingFile::Write returned.
+  int LogWrite(unsigned short qrtSeverity, const char* data, size_t length);
+  int LogWrite(DetailedSeverity severity, const char* data, size_t length);
+  int LogWrite(DetailedSeverity::SeverityLevel level, const char* data, size_t length);
 
   const std::string& GetName() const { return name; }
   void SetIsOperationalLog(bool value) { operational = value; }
@@ -80,6 +87,41 @@ class LogFile : public Zor::RollingFile {
 using LogFilePtr = AppFw::SmartPointerNTS<LogFile>;
 // Normalised file name to file: every log file the daemon knows.
 using LogFileMap = std::map<std::string, LogFilePtr>;
+
+// Assembles a line in a caller's fixed buffer, for lines written on every
+// request, where printf's parsing of the format would cost more than the
+// copying. Nothing is terminated: Length() bytes are the line. Once a piece
+// does not fit, the builder is overflowed and appends nothing more; the
+// caller then formats the line another way.
+class LineBuilder {
+ public:
+  LineBuilder(char* buffer, size_t capacity)
+      : buffer_(buffer), capacity_(capacity), length_(0), overflowed_(false) {}
+
+  // Inline, so that the length of a literal is known when compiling.
+  void Append(const char* text) { Append(text, strlen(text)); }  // NUL-terminated
+  void Append(const char* text, size_t length) {
+    if (overflowed_ || length > capacity_ - length_) {
+      overflowed_ = true;
+      return;
+    }
+    memcpy(buffer_ + length_, text, length);
+    length_ += length;
+  }
+  // `value` in decimal as printf's "%0<width>ld" gives it: a '-' for
+  // negative values, then zeros up to `width` characters in all (0 or 1:
+  // no padding). `width` is at most 20.
+  void AppendDecimal(long value, int width);
+
+  size_t Length() const { return length_; }
+  bool Overflowed() const { return overflowed_; }
+
+ private:
+  char* buffer_;
+  size_t capacity_;
+  size_t length_;
+  bool overflowed_;
+};
 
 // The name without its leading '/' characters; nothing else changes.
 std::string NormalizeLogFileName(const char* name);

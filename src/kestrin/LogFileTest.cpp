@@ -4,6 +4,8 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <climits>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -157,6 +159,102 @@ TEST(LogPrivateMessage, FailedWriteCountsAsWritten) {
   // A path that cannot be opened: the write returns -1, which is non-zero.
   LogFilePtr file(new LogFile("dir//double.log"));
   EXPECT_TRUE(LogPrivateMessage(file, 0, 0, 1, 0, "m", 1, "lost", false));
+}
+
+TEST(LogPrivateMessage, LineHasTheBytesOfThePrintfFormat) {
+  UtcTime utc;
+  struct Case {
+    long seconds;
+    long microseconds;
+    unsigned short severity;
+    const char* name;
+    int eventId;
+    const char* text;
+    bool dropped;
+  };
+  const Case cases[] = {
+      {0, 0, 8, "m", 0, "", false},
+      {1700000000, 999999, 2, "Bench0", 2147483647, "two words", true},
+      {59, -5000, 4, nullptr, -2147483647 - 1, nullptr, false},
+      {3600, -999999, 1, "", -7, "%s %d 100%", true},
+      {86399, 1000000000, 3, "name with spaces", 42, "x", false},
+  };
+  LogFilePtr file(new LogFile("printf-shape.log"));
+  std::string expected;
+  for (const Case& c : cases) {
+    ASSERT_TRUE(LogPrivateMessage(file, c.seconds, c.microseconds, c.severity, 5, c.name, c.eventId,
+                                  c.text, c.dropped));
+    char stamp[80];
+    GetTimestampString(c.seconds, stamp, sizeof stamp);
+    char line[512];
+    snprintf(line, sizeof line, "%s%03ld %s%s[%s] {%s} (%d) - %s%s\n", stamp, c.microseconds / 1000,
+             "", "", GetSeverityStringForDesignerLogs(c.severity), c.name ? c.name : "", c.eventId,
+             c.dropped ? "(Messages have been dropped.) " : "", c.text ? c.text : "");
+    expected += line;
+  }
+  file->Flush();
+  EXPECT_EQ(expected, ReadFile(file->GetPathName()));
+  EXPECT_EQ(0u, expected.find("1970-01-01T00:00:00.000 [DEBUG] {m} (0) - \n"));
+  EXPECT_NE(std::string::npos,
+            expected.find("1970-01-01T00:00:59.-05 [INFO ] {} (-2147483648) - \n"));
+}
+
+TEST(LogPrivateMessage, LineLongerThanTheStackBufferIsWrittenWhole) {
+  UtcTime utc;
+  LogFilePtr file(new LogFile("long-line.log"));
+  const std::string text(3000, 't');
+  EXPECT_TRUE(LogPrivateMessage(file, 0, 1000, 4, 0, "Kestrin", -1, text.c_str(), true));
+  file->Flush();
+  EXPECT_EQ("1970-01-01T00:00:00.001 [INFO ] {Kestrin} (-1) - (Messages have been dropped.) " +
+                text + "\n",
+            ReadFile(file->GetPathName()));
+}
+
+TEST(LogFile, LogWriteAppliesTheFilterAndWritesTheBytesAsTheyAre) {
+  LogFilePtr file(new LogFile("log-write.log"));
+  file->severityFilter.Set(DetailedSeverity::WARN_LEVEL);
+  EXPECT_EQ(0, file->LogWrite(static_cast<unsigned short>(4), "info\n", 5));
+  EXPECT_EQ(0, file->LogWrite(DetailedSeverity(DetailedSeverity::DEBUG_LEVEL), "debug\n", 6));
+  EXPECT_EQ(7, file->LogWrite(static_cast<unsigned short>(2), "100% w\nrest", 7));
+  EXPECT_EQ(6, file->LogWrite(DetailedSeverity::ERROR_LEVEL, "error\n", 6));
+  file->Flush();
+  EXPECT_EQ("100% w\nerror\n", ReadFile(file->GetPathName()));
+}
+
+TEST(LineBuilder, DecimalsMatchPrintf) {
+  const long values[] = {0, 7, 42, 999, 1000, 123456789, -1, -5, -42, -99, -999, -1000,
+                         LONG_MAX, LONG_MIN};
+  for (long value : values) {
+    for (int width : {0, 1, 3, 6}) {
+      char built[64];
+      LineBuilder builder(built, sizeof built);
+      builder.AppendDecimal(value, width);
+      char printed[64];
+      snprintf(printed, sizeof printed, "%0*ld", width, value);
+      EXPECT_EQ(std::string(printed), std::string(built, builder.Length()))
+          << value << " width " << width;
+    }
+  }
+}
+
+TEST(LineBuilder, PieceThatDoesNotFitOverflowsAndStopsAppending) {
+  char buffer[8];
+  LineBuilder builder(buffer, sizeof buffer);
+  builder.Append("abcde");
+  builder.AppendDecimal(12, 3);
+  EXPECT_FALSE(builder.Overflowed());
+  EXPECT_EQ("abcde012", std::string(buffer, builder.Length()));
+  builder.Append("z");
+  EXPECT_TRUE(builder.Overflowed());
+  builder.Append("", 0);
+  EXPECT_TRUE(builder.Overflowed());
+  EXPECT_EQ(8u, builder.Length());
+
+  char small[4];
+  LineBuilder digits(small, sizeof small);
+  digits.AppendDecimal(-12345, 0);
+  EXPECT_TRUE(digits.Overflowed());
+  EXPECT_EQ(0u, digits.Length());
 }
 
 int LogDirectoryWithoutSlash(int kind, char* out, size_t size) {

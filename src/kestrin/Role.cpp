@@ -1,14 +1,19 @@
 #include "kestrin/Role.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <ostream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "kestrin/AddLog.h"
+#include "kestrin/AgentRole.h"
 #include "kestrin/InternalLog.h"
+#include "kestrin/MasterRole.h"
 #include "kestrin/OtherRequests.h"
+#include "zor/sockets/FrameHeader.h"
 
 namespace kestrin {
 
@@ -23,20 +28,12 @@ namespace {
 // platform fills the buffer completely (the list may have been cut).
 constexpr size_t INITIAL_IP_LIST_ENTRIES = 11;
 
+// The card names the Agent and the Master are given; fixed, not configured.
+constexpr char AGENT_CARD_NAME[] = "SomeCard";
+constexpr char MASTER_CARD_NAME[] = "CRC";
+
 void ReportError(const std::string& text) {
   if (OwnLogAdmits(KES_SEVERITY_ERROR)) LogKestrinMessage(KES_SEVERITY_ERROR, text, -1);
-}
-
-std::string RoleWord(RoleType role) {
-  std::ostringstream out;
-  out << role;
-  return out.str();
-}
-
-// The roles whose network halves are not part of this build.
-[[noreturn]] void RefuseUnavailableRole(RoleType role) {
-  LogError("Role of \"" + RoleWord(role) + "\" is not available in this build; exiting.");
-  exit(1);
 }
 
 // Automatic selection: an Agent when the Master's address was resolved and
@@ -89,12 +86,38 @@ void initialize_role() {
       RolePtr = new SoloRole;
       return;
     case ROLE_AGENT:
+      RolePtr = new AgentRole(MastersAddress, AGENT_CARD_NAME);
+      return;
     case ROLE_MASTER:
-      RefuseUnavailableRole(KestrinsRoleType);
+      RolePtr = new MasterRole(MastersAddress, MASTER_CARD_NAME);
+      return;
     default:
       LogError("Logic error: invalid role type");
       exit(1);
   }
+}
+
+unsigned int FinishFrame(tKesFrame* frame, unsigned int recordSize) {
+  Zor::Sockets::FrameHeader::WriteMessageHeader(frame->frameHeader, recordSize);
+  return recordSize + Zor::Sockets::FrameHeader::HEADER_SIZE;
+}
+
+unsigned int QueueMessageFromFrame(tKesLoggerMessage* message, const void* frame,
+                                   unsigned int frameSize) {
+  const unsigned int header = Zor::Sockets::FrameHeader::HEADER_SIZE;
+  const unsigned int recordSize =
+      std::min(frameSize, KES_MAX_QUEUEABLE_FRAME) - std::min(frameSize, header);
+  message->mtype = 1;
+  memcpy(message->text, static_cast<const unsigned char*>(frame) + header, recordSize);
+  // The length convention's zero bytes after the record; the rest of the
+  // buffer is zeroed too, so that no stale byte of an earlier record is seen
+  // by a reader that trusts a lying length field.
+  memset(message->text + recordSize, 0, sizeof message->text - recordSize);
+  return recordSize;
+}
+
+int SendToOwnQueue(tKesLoggerMessage* message, unsigned int recordSize) {
+  return osSysVQueueSend(sys5q, message, KesQueueSendLength(recordSize), 0);
 }
 
 bool AddressAsStruct(const char* hostName, unsigned short port, tOsTCPSocketAddress* address) {

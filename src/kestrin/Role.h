@@ -10,14 +10,29 @@
 //   Role             abstract: the operations every role offers
 //   MainCardRole     processes the four local requests on this card
 //   SoloRole         a stand-alone card: nothing to start or stop
-// The Agent (forwards to the Master over TCP) and the Master (also processes
-// the Agents' requests) are not part of this build: initialize_role refuses
-// them with a clear message and exit status 1.
+//   MasterRole       a main card that also serves the Agents over TCP
+//                    (MasterRole.h)
+//   AgentRole        forwards every request to the Master over TCP
+//                    (AgentRole.h)
 //
-// Threads: the main thread creates, starts and calls the role.
+// Threads: the main thread creates, starts and calls the role; the Agent and
+// the Master each run one network thread of their own.
+//
+// Frames and queue records. A request travels between cards as a frame: the
+// 4-byte frame header (zor/sockets/FrameHeader.h) followed directly by the
+// record in network byte order, the header announcing the record's size. On
+// the request queue the same record follows the 8-byte type word instead
+// (tKesLoggerMessage). The two layouts differ by 4 bytes in front of the
+// record, so the roles copy the record between a tKesFrame and a
+// tKesLoggerMessage rather than overwrite the header in place. The lengths
+// line up with the queue convention of Records.h: a frame of N bytes carries
+// a record of N - 4 bytes, which goes to msgsnd with KesQueueSendLength(N -
+// 4) = N; a record of size S taken off the queue goes out as a frame of S + 4
+// bytes.
 #ifndef KESTRIN_KESTRIN_ROLE_H_
 #define KESTRIN_KESTRIN_ROLE_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <iosfwd>
 #include <string>
@@ -90,13 +105,50 @@ class SoloRole : public MainCardRole {
   void ShutDownPending() override {}
 };
 
+// A frame as it is built for sending or checked after receiving: the frame
+// header, then one record (4-aligned, as the records need).
+struct tKesFrame {
+  unsigned char frameHeader[4];
+  union {
+    tKesMessage header;
+    tKesAddLogMessage addLog;
+    tKesLogFileSizeMessage logFileSize;
+    tKesUnregAddLogMessage unregAddLog;
+    tKesRegHandleMessage regHandle;
+    tKesAgentGreetingsMessage agentGreetings;
+    char record[KES_MAX_QUEUE_TEXT - KES_QUEUE_LENGTH_ALLOWANCE];
+  };
+};
+static_assert(offsetof(tKesFrame, header) == 4, "the record follows the frame header directly");
+
+// The size of the largest frame whose record fits one receive of the main
+// loop: 1720 bytes of record and its header.
+constexpr unsigned int KES_MAX_QUEUEABLE_FRAME = KES_MAX_QUEUE_TEXT;
+
+// Writes the frame header for a record of `recordSize` bytes into `frame`
+// and returns the frame's size, recordSize + 4.
+unsigned int FinishFrame(tKesFrame* frame, unsigned int recordSize);
+
+// Fills `message` from the frame of `frameSize` bytes at `frame` (at least
+// 4; at most KES_MAX_QUEUEABLE_FRAME bytes are looked at): type word 1, the
+// record, zero bytes after it. Returns the record's size (frameSize - 4, or
+// less when the frame was cut to fit).
+unsigned int QueueMessageFromFrame(tKesLoggerMessage* message, const void* frame,
+                                   unsigned int frameSize);
+
+// Puts a record of `recordSize` bytes, prepared in `message` with type word 1
+// and zero bytes after it, on the daemon's own request queue, waiting while
+// the queue is full. Returns the platform layer's result.
+int SendToOwnQueue(tKesLoggerMessage* message, unsigned int recordSize);
+
 // The active role; null until initialize_role.
 extern Role* RolePtr;
 
 // Resolves the automatic role (KestrinsRoleType 3) to Agent or Solo, creates
-// the role and stores it in RolePtr. Ends the process with status 1 for a
-// role that this build does not provide (Agent, Master) and for an
-// impossible role type ("Logic error: invalid role type").
+// the role and stores it in RolePtr: an AgentRole with the card name
+// "SomeCard", a MasterRole with "CRC" (both given MastersAddress), or a
+// SoloRole. Ends the process with status 1 for an impossible role type
+// ("Logic error: invalid role type").
 void initialize_role();
 
 // The Master's address as initialize_role resolved it; zero (address 0,

@@ -7,6 +7,8 @@
 
 #include "kestrin/DaemonTestSupport.h"
 #include "kestrin/Globals.h"
+#include "kestrin/AgentRole.h"
+#include "kestrin/MasterRole.h"
 #include "kestrin/Role.h"
 
 // Name resolution and the interface list come from the machine; this program
@@ -139,13 +141,20 @@ TEST_F(Roles, EmptyRoleWithHostnameOfThisHostIsSoloNotMaster) {
   EXPECT_EQ(KES_DEFAULT_MASTERS_PORT, MastersAddress.port);
 }
 
-TEST_F(Roles, EmptyRoleWithOneForeignAddressSelectsAgentWhichThisBuildRefuses) {
+TEST_F(Roles, EmptyRoleWithOneForeignAddressIsAgentCalledSomeCard) {
   MastersHostname = "master";
   MastersPort = 9001;
   s_hostAddresses = {Address(192, 0, 2, 7)};
   OwnLogCapture own;
-  ExpectStartUpRefused();
-  EXPECT_EQ(Texts({"Role of \"Agent\" is not available in this build; exiting."}), own.Texts());
+  initialize_role();
+  EXPECT_EQ(ROLE_AGENT, KestrinsRoleType);
+  auto* agent = dynamic_cast<AgentRole*>(RolePtr);
+  ASSERT_NE(nullptr, agent);
+  EXPECT_EQ("SomeCard", agent->CardName());
+  EXPECT_TRUE(agent->ShouldLogCardID());
+  EXPECT_EQ(Address(192, 0, 2, 7), MastersAddress.ipAddress);
+  EXPECT_EQ(9001, MastersAddress.port);
+  EXPECT_TRUE(own.Texts().empty());
 }
 
 TEST_F(Roles, EmptyRoleWithTwoAddressesLogsMultipleAddressesAndIsSolo) {
@@ -191,18 +200,31 @@ TEST_F(Roles, ConfiguredSoloStaysSoloWhateverTheHostname) {
   EXPECT_EQ(Address(192, 0, 2, 7), MastersAddress.ipAddress);
 }
 
-TEST_F(Roles, ConfiguredMasterIsRefusedInThisBuild) {
+TEST_F(Roles, ConfiguredMasterIsMasterCalledCrcThatLogsCardIds) {
   KestrinsRoleType = ROLE_MASTER;
+  MastersHostname = "me";
+  MastersPort = 9002;
+  s_hostAddresses = {Address(10, 1, 2, 3)};
   OwnLogCapture own;
-  ExpectStartUpRefused();
-  EXPECT_EQ(Texts({"Role of \"Master\" is not available in this build; exiting."}), own.Texts());
+  initialize_role();
+  EXPECT_EQ(ROLE_MASTER, KestrinsRoleType);
+  auto* master = dynamic_cast<MasterRole*>(RolePtr);
+  ASSERT_NE(nullptr, master);
+  EXPECT_NE(nullptr, dynamic_cast<MainCardRole*>(RolePtr));
+  EXPECT_EQ("CRC", master->CardName());
+  EXPECT_TRUE(master->ShouldLogCardID());
+  EXPECT_EQ(Address(10, 1, 2, 3), MastersAddress.ipAddress);
+  EXPECT_EQ(9002, MastersAddress.port);
+  EXPECT_TRUE(own.Texts().empty());
 }
 
-TEST_F(Roles, ConfiguredAgentIsRefusedInThisBuild) {
+TEST_F(Roles, ConfiguredAgentWithoutMastersHostnameIsAgentWithNoAddress) {
   KestrinsRoleType = ROLE_AGENT;
-  OwnLogCapture own;
-  ExpectStartUpRefused();
-  EXPECT_EQ(Texts({"Role of \"Agent\" is not available in this build; exiting."}), own.Texts());
+  initialize_role();
+  EXPECT_EQ(ROLE_AGENT, KestrinsRoleType);
+  ASSERT_NE(nullptr, dynamic_cast<AgentRole*>(RolePtr));
+  EXPECT_EQ(0u, MastersAddress.ipAddress);
+  EXPECT_EQ(0u, MastersAddress.port);
 }
 
 TEST_F(Roles, ImpossibleRoleTypeIsALogicError) {

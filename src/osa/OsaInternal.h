@@ -37,6 +37,12 @@ int combined_error(int general, int error);
 // install it while other threads call into the layer.
 const tOsaOverrides* installed_overrides();
 
+// The test time scale as the environment gives it now (1 when unset or out
+// of range), and a reset that makes the next osSleep or osGetClock read it
+// again (for tests of the hook).
+unsigned long read_test_time_scale();
+void forget_test_time_scale();
+
 // The lock file that osGetProcessState uses for `name` (for tests that clean
 // up after themselves). Empty when the name cannot be mapped.
 std::string process_state_lock_path(const char* name);

@@ -82,6 +82,12 @@ int osTCPClose(long socket) {
   return OS_OK;
 }
 
+int osTCPShutdown(long socket) {
+  if (!valid_socket(socket)) return OS_ERROR_BAD_SOCKET;
+  if (shutdown(static_cast<int>(socket), SHUT_RDWR) != 0) return socket_error(errno);
+  return OS_OK;
+}
+
 int osTCPConnect(long socket, const tOsTCPSocketAddress* address) {
   const tOsaOverrides* overrides = osa_internal::installed_overrides();
   if (overrides != nullptr && overrides->tcpConnect != nullptr) {

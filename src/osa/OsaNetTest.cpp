@@ -5,7 +5,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <string>
+#include <thread>
 
 #include "osa/osa.h"
 
@@ -284,3 +287,77 @@ TEST(OsaTCPOptions, BufferSizes) {
 }
 
 }  // namespace
+
+namespace {
+
+// Runs `body` on a thread and tells whether it ended within `limitMs`.
+struct Waiter {
+  std::atomic<bool> done{false};
+  std::thread thread;
+  template <typename Body>
+  explicit Waiter(Body body) : thread([this, body]() {
+    body();
+    done = true;
+  }) {}
+  bool EndsWithin(int limitMs) {
+    for (int waited = 0; waited < limitMs && !done; waited += 5) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return done;
+  }
+  ~Waiter() { thread.join(); }
+};
+
+}  // namespace
+
+TEST(OsaTCPShutdown, WakesABlockedReceiveWithZeroBytes) {
+  Loopback loop;
+  loop.Connect();
+  int rc = -1;
+  int count = 99;
+  char buffer[8];
+  Waiter receiver([&]() { rc = osTCPRecv(loop.server, buffer, sizeof buffer, 0, &count); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_FALSE(receiver.done);
+  ASSERT_EQ(OS_OK, osTCPShutdown(loop.server));
+  ASSERT_TRUE(receiver.EndsWithin(5000));
+  EXPECT_EQ(OS_OK, rc);
+  EXPECT_EQ(0, count);
+}
+
+TEST(OsaTCPShutdown, WakesASelectOnAListeningSocket) {
+  Loopback loop;
+  int rc = -1;
+  int ready = -1;
+  long sockets[1] = {loop.listener};
+  Waiter selector([&]() {
+    ready = 1;
+    rc = osTCPSelect(sockets, &ready, -1);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_FALSE(selector.done);
+  ASSERT_EQ(OS_OK, osTCPShutdown(loop.listener));
+  ASSERT_TRUE(selector.EndsWithin(5000));
+  EXPECT_EQ(OS_OK, rc);
+  EXPECT_EQ(1, ready);
+}
+
+TEST(OsaTCPShutdown, TellsThePeerTheConnectionIsClosed) {
+  Loopback loop;
+  loop.Connect();
+  ASSERT_EQ(OS_OK, osTCPShutdown(loop.client));
+  char buffer[8];
+  int count = 99;
+  EXPECT_EQ(OS_OK, osTCPRecv(loop.server, buffer, sizeof buffer, 0, &count));
+  EXPECT_EQ(0, count);
+}
+
+TEST(OsaTCPShutdown, UnconnectedSocketIsNotConnected) {
+  long socket = new_socket();
+  EXPECT_EQ(OS_ERROR_NOT_CONNECTED, osTCPShutdown(socket));
+  osTCPClose(socket);
+}
+
+TEST(OsaTCPShutdown, InvalidSocketIsABadSocket) {
+  EXPECT_EQ(OS_ERROR_BAD_SOCKET, osTCPShutdown(-1));
+}

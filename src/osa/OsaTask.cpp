@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <limits.h>
 #include <pthread.h>
+#include <stdlib.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -20,9 +21,17 @@ namespace {
 
 std::atomic<const tOsaOverrides*> g_overrides{nullptr};
 
+// The test time scale (osa.h), read from the environment on first use; 0
+// until then. Reading it once keeps the clock steady for the process.
+std::atomic<unsigned long> g_testTimeScale{0};
+
 // The smallest stack osCreateTask hands to pthreads; smaller requests get the
 // platform default instead (sanitizer builds need far more than tiny stacks).
 constexpr unsigned long MIN_TASK_STACK = 256 * 1024;
+
+// The accepted range of the test time scale (osa.h).
+constexpr unsigned long MIN_TEST_TIME_SCALE = 2;
+constexpr unsigned long MAX_TEST_TIME_SCALE = 1000;
 
 unsigned long current_thread_id() { return static_cast<unsigned long>(syscall(SYS_gettid)); }
 
@@ -91,6 +100,19 @@ int init_task_attributes(pthread_attr_t* attributes, unsigned long stackSize) {
 
 namespace osa_internal {
 
+unsigned long read_test_time_scale() {
+  const char* text = getenv(OS_TEST_TIME_SCALE_VARIABLE);
+  if (text == nullptr) return 1;
+  char* end = nullptr;
+  unsigned long value = strtoul(text, &end, 10);
+  if (end == text || *end != '\0' || value < MIN_TEST_TIME_SCALE || value > MAX_TEST_TIME_SCALE) {
+    return 1;
+  }
+  return value;
+}
+
+void forget_test_time_scale() { g_testTimeScale.store(0, std::memory_order_relaxed); }
+
 const tOsaOverrides* installed_overrides() { return g_overrides.load(std::memory_order_acquire); }
 
 }  // namespace osa_internal
@@ -134,12 +156,22 @@ int osGetTaskId(unsigned long* taskId) {
   return OS_OK;
 }
 
+unsigned long osGetTestTimeScale(void) {
+  unsigned long scale = g_testTimeScale.load(std::memory_order_relaxed);
+  if (scale == 0) {
+    scale = osa_internal::read_test_time_scale();
+    g_testTimeScale.store(scale, std::memory_order_relaxed);
+  }
+  return scale;
+}
+
 int osSleep(unsigned long milliseconds) {
   const tOsaOverrides* overrides = osa_internal::installed_overrides();
   if (overrides != nullptr && overrides->sleep != nullptr) {
     int rc = overrides->sleep(milliseconds);
     if (rc != OSA_CALL_REAL) return rc;
   }
+  milliseconds /= osGetTestTimeScale();
   struct timespec remaining;
   remaining.tv_sec = static_cast<time_t>(milliseconds / 1000);
   remaining.tv_nsec = static_cast<long>(milliseconds % 1000) * 1000000L;
@@ -155,6 +187,7 @@ unsigned long osGetClock(void) {
   if (overrides != nullptr && overrides->clock != nullptr) return overrides->clock();
   struct timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<unsigned long>(now.tv_sec) * 1000UL +
-         static_cast<unsigned long>(now.tv_nsec / 1000000L);
+  const unsigned long real = static_cast<unsigned long>(now.tv_sec) * 1000UL +
+                             static_cast<unsigned long>(now.tv_nsec / 1000000L);
+  return real * osGetTestTimeScale();
 }

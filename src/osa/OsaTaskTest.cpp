@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <chrono>
 #include <thread>
 
+#include "osa/OsaInternal.h"
 #include "osa/osa.h"
 
 namespace {
@@ -234,3 +236,54 @@ TEST(OsaOverrides, InstallingWhileThreadsReadIsSafe) {
 }
 
 }  // namespace
+
+namespace {
+
+// Sets the time-scale variable for one test and makes the layer read it
+// again; restores the real time scale at the end.
+class ScopedTimeScale {
+ public:
+  explicit ScopedTimeScale(const char* value) {
+    if (value == nullptr) {
+      unsetenv(OS_TEST_TIME_SCALE_VARIABLE);
+    } else {
+      setenv(OS_TEST_TIME_SCALE_VARIABLE, value, 1);
+    }
+    osa_internal::forget_test_time_scale();
+  }
+  ~ScopedTimeScale() {
+    unsetenv(OS_TEST_TIME_SCALE_VARIABLE);
+    osa_internal::forget_test_time_scale();
+  }
+};
+
+}  // namespace
+
+TEST(OsaTestTimeScale, UnsetLeavesTimeAsItIs) {
+  ScopedTimeScale scale(nullptr);
+  EXPECT_EQ(1UL, osGetTestTimeScale());
+}
+
+TEST(OsaTestTimeScale, OutOfRangeOrMalformedValuesAreIgnored) {
+  for (const char* value : {"1", "0", "1001", "abc", "10x", ""}) {
+    ScopedTimeScale scale(value);
+    EXPECT_EQ(1UL, osGetTestTimeScale()) << value;
+  }
+}
+
+TEST(OsaTestTimeScale, SleepsAreShortenedAndTheClockRunsFaster) {
+  ScopedTimeScale scale("100");
+  EXPECT_EQ(100UL, osGetTestTimeScale());
+  const auto realStart = std::chrono::steady_clock::now();
+  const unsigned long start = osGetClock();
+  ASSERT_EQ(OS_OK, osSleep(5000));
+  const unsigned long elapsed = osGetClock() - start;
+  const auto realElapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
+                               std::chrono::steady_clock::now() - realStart)
+                               .count();
+  // 5000 ms of scaled time pass in about 50 real milliseconds.
+  EXPECT_GE(elapsed, 5000UL);
+  EXPECT_LT(elapsed, 60000UL);
+  EXPECT_GE(realElapsed, 50);
+  EXPECT_LT(realElapsed, 1000);
+}

@@ -147,6 +147,17 @@ int osSleep(unsigned long milliseconds);
 /* A monotonic millisecond clock (wraps with unsigned long arithmetic). */
 unsigned long osGetClock(void);
 
+/* Test hook: when the environment variable KESTRIN_TEST_TIME_SCALE holds an
+ * integer N from 2 to 1000 at the first call of osSleep or osGetClock, time
+ * runs N times faster for the whole process: osSleep(ms) sleeps ms / N
+ * milliseconds and osGetClock counts N milliseconds per real one. End-to-end
+ * tests use it to see minutes-long waits of the real daemon pass in
+ * seconds. Any other value, or none, leaves time as it is. Never set in
+ * production. */
+#define OS_TEST_TIME_SCALE_VARIABLE "KESTRIN_TEST_TIME_SCALE"
+/* The scale in effect (1 without the hook). */
+unsigned long osGetTestTimeScale(void);
+
 /* ---- Lightweight mutexes ----------------------------------------------- */
 
 /* A mutex lives behind an unsigned long handle. osInitializeLwtMutex creates
@@ -303,6 +314,12 @@ uint32_t osTCPNetworkToHostLong(uint32_t value);
  * that is not open gives OS_ERROR_BAD_SOCKET. */
 int osTCPSocket(int type, int protocol, long* socket);
 int osTCPClose(long socket);
+/* Shuts both directions of the socket down without releasing it: a thread
+ * blocked in osTCPRecv on it returns (0 bytes: closed), and one waiting in
+ * osTCPSelect on a listening socket wakes with it readable. Closing alone
+ * wakes neither on Linux. A socket that is not connected gives
+ * OS_ERROR_NOT_CONNECTED, which callers about to close it may ignore. */
+int osTCPShutdown(long socket);
 int osTCPConnect(long socket, const tOsTCPSocketAddress* address);
 int osTCPBind(long socket, const tOsTCPSocketAddress* address);
 int osTCPListen(long socket, int backlog);

@@ -1,6 +1,8 @@
 // Log messages: the filter check against the daemon's published filters, the
 // add-log record, the non-waiting send and the dropped-messages accounting.
+#include <pthread.h>
 #include <stdarg.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -37,12 +39,31 @@ void mark_reported(unsigned long dropped) {
   }
 }
 
+// The process ID goes into every record. Asking the system each time costs
+// a system call per message, so it is asked once and forgotten in the child
+// of every fork, which has an ID of its own. 0 until asked.
+std::atomic<unsigned long> g_processId{0};
+
+void forget_process_id() { g_processId.store(0, std::memory_order_relaxed); }
+
+unsigned long process_id() {
+  static const int forgetInChild = pthread_atfork(nullptr, nullptr, forget_process_id);
+  (void)forgetInChild;
+  unsigned long pid = g_processId.load(std::memory_order_relaxed);
+  if (pid == 0) {
+    osGetProcessId(&pid);
+    g_processId.store(pid, std::memory_order_relaxed);
+  }
+  return pid;
+}
+
 // Whether a message of `severity` for `handle` is to be sent. Reads the
-// shared memory only: no system call once the segments are attached.
-int admit(int handle, unsigned short severity, bool* send) {
+// shared memory only: no system call once the segments are attached. Also
+// gives the queue id already known (or -1) for the send.
+int admit(int handle, unsigned short severity, bool* send, int* queueId) {
   if (handle < 0 || handle >= KES_REG_TABLE_SLOTS) return QRT_ERROR_INVALID_HANDLE;
   qrt::Segments segments;
-  int result = qrt::get_segments(&segments);
+  int result = qrt::get_segments_and_queue(&segments, queueId);
   if (result != QRT_OK) return result;
   if (__atomic_load_n(&segments.table[handle].state, __ATOMIC_ACQUIRE) !=
       KES_SLOT_STATE_REGISTERED) {
@@ -69,25 +90,26 @@ void fill_add_log(tKesAddLogMessage* record, int handle, unsigned char destinati
   record->timeSeconds = static_cast<int32_t>(seconds);
   record->timeMicroseconds = static_cast<int32_t>(microseconds);
   record->cardId = 0;
-  unsigned long pid = 0;
-  osGetProcessId(&pid);
-  record->pid = static_cast<int32_t>(pid);
+  record->pid = static_cast<int32_t>(process_id());
 }
 
-// Builds and sends one admitted message; `textLength` is at most 899.
-int send_add_log(int handle, unsigned char destination, unsigned short severity,
+// Builds and sends one admitted message on `queueId` (-1: look it up);
+// `textLength` is at most 899.
+int send_add_log(int queueId, int handle, unsigned char destination, unsigned short severity,
                  unsigned long eventId, const char* text, size_t textLength,
                  unsigned long eventClass) {
-  // Zeroed whole: the bytes after the record's NUL must be zero.
   tKesLoggerMessage message;
-  memset(&message, 0, sizeof message);
+  const size_t recordSize = TEXT_OFFSET + textLength + 1;
+  const size_t sendLength = kestrin::KesQueueSendLength(recordSize);
+  // Every byte sent is set: the record's fields, the text, and zeros from
+  // its NUL to the end (the length convention's bytes included).
+  memset(&message, 0, offsetof(tKesLoggerMessage, addLog) + sendLength);
   message.mtype = 1;
   fill_add_log(&message.addLog, handle, destination, severity, eventId, eventClass);
   memcpy(message.addLog.text, text, textLength);
   unsigned long dropped = g_dropped.load();
   if (dropped != g_reported.load()) message.addLog.flags |= FLAG_MESSAGES_DROPPED;
-  size_t recordSize = TEXT_OFFSET + textLength + 1;
-  int result = qrt::send_to_daemon(&message, kestrin::KesQueueSendLength(recordSize), 1);
+  int result = qrt::send_to_queue(queueId, &message, sendLength, 1);
   if (result == QRT_OK) {
     mark_reported(dropped);
   } else {
@@ -99,25 +121,27 @@ int send_add_log(int handle, unsigned char destination, unsigned short severity,
 int add_log(int handle, unsigned char destination, unsigned short severity, unsigned long eventId,
             const char* text, unsigned long eventClass) {
   bool send = false;
-  int result = admit(handle, severity, &send);
+  int queueId = -1;
+  int result = admit(handle, severity, &send, &queueId);
   if (result != QRT_OK || !send) return result;
   if (text == nullptr) text = "";
-  return send_add_log(handle, destination, severity, eventId, text, strnlen(text, MAX_TEXT_LENGTH),
-                      eventClass);
+  return send_add_log(queueId, handle, destination, severity, eventId, text,
+                      strnlen(text, MAX_TEXT_LENGTH), eventClass);
 }
 
 int add_log_formatted(int handle, unsigned char destination, unsigned short severity,
                       unsigned long eventId, const char* format, va_list args) {
   if (format == nullptr) return QRT_ERROR_INVALID_PARAMETER;
   bool send = false;
-  int result = admit(handle, severity, &send);
+  int queueId = -1;
+  int result = admit(handle, severity, &send, &queueId);
   if (result != QRT_OK || !send) return result;
   char text[kestrin::KES_MAX_MESSAGE_TEXT];
   int length = vsnprintf(text, sizeof text, format, args);
   if (length < 0) return QRT_ERROR_INVALID_PARAMETER;
   size_t textLength =
       static_cast<size_t>(length) > MAX_TEXT_LENGTH ? MAX_TEXT_LENGTH : static_cast<size_t>(length);
-  return send_add_log(handle, destination, severity, eventId, text, textLength,
+  return send_add_log(queueId, handle, destination, severity, eventId, text, textLength,
                       QRT_EVENT_CLASS_UNSPECIFIED);
 }
 

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <string.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -26,6 +27,8 @@ using qrt_test::read_u16;
 using qrt_test::read_u32;
 
 constexpr size_t FLAGS_OFFSET = 8;
+constexpr size_t EVENT_ID_OFFSET = 20;
+constexpr size_t PID_OFFSET = 36;
 constexpr size_t SECONDS_OFFSET = 24;
 constexpr size_t MICROSECONDS_OFFSET = 28;
 constexpr size_t TEXT_OFFSET = 40;
@@ -251,6 +254,68 @@ TEST(QrtAddLog, DropsFromManyThreadsAreAllCounted) {
   ASSERT_EQ(QRT_OK, QrtDiagAddLogWithEvClass(handle, 2, 1, 1, "after", 0));
   ASSERT_TRUE(daemon.Receive(&message));
   EXPECT_EQ(2, read_u16(message.text, FLAGS_OFFSET));
+}
+
+TEST(QrtAddLog, ForkedChildSendsItsOwnProcessId) {
+  FakeDaemon daemon;
+  ASSERT_TRUE(daemon.Ok());
+  int handle = register_module("Forked");
+  settle_dropped_flag(daemon, handle);
+  ASSERT_EQ(QRT_OK, QrtDiagAddLogWithEvClass(handle, 2, 1, 1, "parent", 0));
+  pid_t child = fork();
+  if (child == 0) _exit(QrtDiagAddLogWithEvClass(handle, 2, 1, 2, "child", 0) == QRT_OK ? 0 : 1);
+  ASSERT_GT(child, 0);
+  int status = -1;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(0, WEXITSTATUS(status));
+  ASSERT_EQ(QRT_OK, QrtDiagAddLogWithEvClass(handle, 2, 1, 3, "parent again", 0));
+  QueuedMessage message;
+  ASSERT_TRUE(daemon.Receive(&message));
+  EXPECT_EQ(static_cast<uint32_t>(getpid()), read_u32(message.text, PID_OFFSET));
+  ASSERT_TRUE(daemon.Receive(&message));
+  EXPECT_EQ(2u, read_u32(message.text, EVENT_ID_OFFSET));
+  EXPECT_EQ(static_cast<uint32_t>(child), read_u32(message.text, PID_OFFSET));
+  ASSERT_TRUE(daemon.Receive(&message));
+  EXPECT_EQ(static_cast<uint32_t>(getpid()), read_u32(message.text, PID_OFFSET));
+}
+
+// A shorter message after a longer one: every byte sent is still the
+// record's own, up to the zeros of the length convention.
+TEST(QrtAddLog, ShortMessageAfterALongOneCarriesNoStaleBytes) {
+  FakeDaemon daemon;
+  ASSERT_TRUE(daemon.Ok());
+  int handle = register_module("Shorter");
+  settle_dropped_flag(daemon, handle);
+  ASSERT_EQ(QRT_OK, QrtDiagAddLogWithEvClass(handle, 2, 1, 1, std::string(800, 'L').c_str(), 0));
+  ASSERT_EQ(QRT_OK, QrtDiagAddLogWithEvClass(handle, 2, 1, 2, "s", 0));
+  QueuedMessage message;
+  ASSERT_TRUE(daemon.Receive(&message));
+  ASSERT_TRUE(daemon.Receive(&message));
+  EXPECT_EQ(expected_add_log(handle, 0, 2, 1, 0, 2, "s", message.text), message.text);
+}
+
+// The queue the library remembers is removed and a new one made under the
+// same key (a daemon restarted after its queue was deleted by hand): the
+// next message finds the new queue.
+TEST(QrtAddLog, QueueReplacedUnderTheSameKeyIsFoundAgain) {
+  FakeDaemon daemon;
+  ASSERT_TRUE(daemon.Ok());
+  int handle = register_module("Replaced");
+  settle_dropped_flag(daemon, handle);
+  ASSERT_EQ(OS_OK, osSysVQueueRemove(daemon.QueueId()));
+  int replacement = -1;
+  ASSERT_EQ(OS_OK, osSysVQueueOpen(daemon.Root().Key(KES_QUEUE_PROJECT_ID), 1, &replacement));
+  ASSERT_EQ(QRT_OK, QrtDiagAddLogWithEvClass(handle, 2, 1, 9, "to the new queue", 0));
+  struct {
+    long type;
+    char text[2048];
+  } received;
+  long size = 0;
+  ASSERT_EQ(OS_OK, osSysVQueueReceive(replacement, &received, sizeof received.text, 1, &size));
+  EXPECT_EQ(static_cast<long>(TEXT_OFFSET + 16 + 1 + 4), size);
+  EXPECT_STREQ("to the new queue", received.text + TEXT_OFFSET);
+  EXPECT_EQ(OS_OK, osSysVQueueRemove(replacement));
 }
 
 TEST(QrtAddLog, InvalidOrUnregisteredHandleIsRefused) {

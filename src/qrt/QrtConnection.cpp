@@ -110,11 +110,9 @@ bool object_gone(int osResult) {
   return detail == EIDRM || detail == EINVAL;
 }
 
-}  // namespace
-
-int get_segments(Segments* segments) {
-  std::lock_guard<std::mutex> guard(registry_lock());
-  Connection& c = current_connection();
+// Attaches the segments of `c` that are not attached yet; the caller holds
+// the lock.
+int attach_segments(Connection& c) {
   if (c.table == nullptr) {
     void* address = nullptr;
     int result = attach(KesRegTableSharedMemoryName, KES_REG_TABLE_SIZE, &address);
@@ -127,8 +125,38 @@ int get_segments(Segments* segments) {
     if (result != QRT_OK) return result;
     c.filters = static_cast<tKesFilterSegment*>(address);
   }
+  return QRT_OK;
+}
+
+// One send on `queueId`, repeated while a signal interrupts it.
+int send_once(int queueId, const void* message, size_t textSize, int noWait) {
+  int osResult;
+  do {
+    osResult = osSysVQueueSend(queueId, message, textSize, noWait);
+  } while ((osResult & 0xffff) == OS_ERROR_RETRY);
+  return osResult;
+}
+
+}  // namespace
+
+int get_segments(Segments* segments) {
+  std::lock_guard<std::mutex> guard(registry_lock());
+  Connection& c = current_connection();
+  int result = attach_segments(c);
+  if (result != QRT_OK) return result;
   segments->table = c.table;
   segments->filters = c.filters;
+  return QRT_OK;
+}
+
+int get_segments_and_queue(Segments* segments, int* rememberedQueueId) {
+  std::lock_guard<std::mutex> guard(registry_lock());
+  Connection& c = current_connection();
+  int result = attach_segments(c);
+  if (result != QRT_OK) return result;
+  segments->table = c.table;
+  segments->filters = c.filters;
+  *rememberedQueueId = c.queueId;
   return QRT_OK;
 }
 
@@ -172,16 +200,25 @@ int send_to_daemon(const void* message, size_t textSize, int noWait) {
     int queueId = -1;
     int result = get_queue(&queueId);
     if (result != QRT_OK) return result;
-    int osResult;
-    do {
-      osResult = osSysVQueueSend(queueId, message, textSize, noWait);
-    } while ((osResult & 0xffff) == OS_ERROR_RETRY);
+    int osResult = send_once(queueId, message, textSize, noWait);
     if (osResult == OS_OK) return QRT_OK;
     if (osResult == OS_ERROR_WOULD_BLOCK) return QRT_ERROR_QUEUE_FULL;
     if (!object_gone(osResult)) return QRT_ERROR_SEND_FAILED;
     forget_queue(queueId);
   }
   return QRT_ERROR_SEND_FAILED;
+}
+
+int send_to_queue(int queueId, const void* message, size_t textSize, int noWait) {
+  if (queueId < 0) return send_to_daemon(message, textSize, noWait);
+  int osResult = send_once(queueId, message, textSize, noWait);
+  if (osResult == OS_OK) return QRT_OK;
+  if (osResult == OS_ERROR_WOULD_BLOCK) return QRT_ERROR_QUEUE_FULL;
+  if (!object_gone(osResult)) return QRT_ERROR_SEND_FAILED;
+  // The queue has gone: forget it and look it up again (a restarted daemon
+  // may have made a new one).
+  forget_queue(queueId);
+  return send_to_daemon(message, textSize, noWait);
 }
 
 }  // namespace qrt

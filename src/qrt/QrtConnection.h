@@ -31,6 +31,12 @@ struct Segments {
 // otherwise (nothing is created).
 int get_segments(Segments* segments);
 
+// Both segments as get_segments gives them, and in `rememberedQueueId` the
+// queue id already found under this root (-1 when none is, which makes no
+// look-up here): the send path's way to everything with one look-up. Pass
+// the queue id to send_to_queue.
+int get_segments_and_queue(Segments* segments, int* rememberedQueueId);
+
 // The registration table's semaphore (never created here).
 int get_semaphore(int* semaphoreId);
 
@@ -45,6 +51,11 @@ void unlock_table(int semaphoreId);
 // QRT_ERROR_QUEUE_FULL at once. QRT_ERROR_NO_DAEMON when there is no queue,
 // QRT_ERROR_SEND_FAILED for other refusals.
 int send_to_daemon(const void* message, size_t textSize, int noWait);
+
+// send_to_daemon on the queue `queueId` that get_segments_and_queue gave:
+// the same results, without looking the queue up again unless it is -1 or
+// has gone.
+int send_to_queue(int queueId, const void* message, size_t textSize, int noWait);
 
 }  // namespace qrt
 

@@ -27,6 +27,7 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#include <memory>
 #include <string>
 
 #include "appfw/SmartPointerNTS.h"
@@ -62,6 +63,11 @@ class RollingFile : private NonCopyable {
   // failed (the file is then closed; the next write reopens it).
   int VPrintf(const char* format, va_list args);
   int Printf(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  // Writes `length` bytes of `data` as they are, with the same opening,
+  // counting, roll-over and failure handling as VPrintf. Returns `length`,
+  // -1 when no file could be opened, or -1 when the write failed (the file is
+  // then closed and the failure reported). For text already formatted.
+  int Write(const char* data, size_t length);
 
   // Closes the stream if one is open.
   void Close();
@@ -125,6 +131,11 @@ class RollingFile : private NonCopyable {
   uint32_t currentSize_;      // bytes in the current file
   bool reportingError_;       // a report is under way: further reports are dropped
   bool rollingOver_;          // a roll-over is under way: no second one starts
+  // The stream's buffer, made at the first open and kept for every later
+  // stream of this object; larger than the default so that a busy file costs
+  // fewer write calls. Outlives file_ (it is released after the destructor
+  // has closed the stream).
+  std::unique_ptr<char[]> streamBuffer_;
 };
 
 }  // namespace Zor

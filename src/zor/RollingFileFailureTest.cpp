@@ -210,6 +210,27 @@ TEST_F(RollingFile, WriteFailureIsReportedOnceClosesAndRecovers) {
   EXPECT_EQ(logged().back(), opened(name, 0));
 }
 
+TEST_F(RollingFile, FailedWriteOfFormattedTextIsReportedOnceClosesAndRecovers) {
+  TinyFilesystem tiny(path("tiny"), 0);
+  if (!tiny.Mounted()) GTEST_SKIP() << "mounting a tmpfs is not permitted here";
+  const std::string name = path("tiny/raw.log");
+  Zor::RollingFile file(name.c_str());
+  configure(file, 0, 1, false);
+  ASSERT_TRUE(tiny.Fill());
+  // Longer than the stream's buffer, so the write itself has to reach the disk.
+  const std::string big(20000, 'b');
+  EXPECT_EQ(file.Write(big.data(), big.size()), -1);
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_FALSE(file.HasUnflushedData());
+  EXPECT_EQ(logged(), (Logged{opened(name, 0), error("Error 28 trying to write to file " + name)}));
+
+  tiny.Free();
+  EXPECT_EQ(file.Write("back\n", 5), 5);
+  file.Close();
+  EXPECT_EQ(read_file(name), "back\n");
+  EXPECT_EQ(logged().size(), 3u);
+}
+
 TEST_F(RollingFile, FlushFailureIsReportedClosesAndRecovers) {
   TinyFilesystem tiny(path("tiny"), 0);
   if (!tiny.Mounted()) GTEST_SKIP() << "mounting a tmpfs is not permitted here";

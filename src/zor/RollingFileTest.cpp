@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -52,6 +53,62 @@ TEST_F(RollingFile, SizeIsCountedAfterEachWrite) {
   EXPECT_EQ(file.GetCurrentSize(), 12u);
   EXPECT_EQ(file.Printf("%s", ""), 0);
   EXPECT_EQ(file.GetCurrentSize(), 12u);
+}
+
+TEST_F(RollingFile, WriteAppendsTheBytesAsTheyAreAndCountsThem) {
+  write_file(path("raw.log"), "old\n");
+  Zor::RollingFile file(path("raw.log").c_str());
+  configure(file, 0, 1, false);
+  // No formatting: a '%' stays as it is, and only `length` bytes are taken.
+  EXPECT_EQ(file.Write("100% done\nXYZ", 10), 10);
+  EXPECT_EQ(file.GetCurrentSize(), 14u);
+  EXPECT_TRUE(file.HasUnflushedData());
+  EXPECT_EQ(file.Write("", 0), 0);
+  EXPECT_EQ(file.GetCurrentSize(), 14u);
+  file.Close();
+  EXPECT_EQ(read_file(path("raw.log")), "old\n100% done\n");
+  EXPECT_EQ(logged(), (Logged{opened(path("raw.log"), 4)}));
+}
+
+TEST_F(RollingFile, WriteRollsOverAtTheWriteThatReachesTheLimit) {
+  Zor::RollingFile file(path("rawroll.log").c_str());
+  configure(file, 10, 2, false);
+  EXPECT_EQ(file.Write("12345", 5), 5);
+  EXPECT_EQ(file.Write("6789", 4), 4);
+  EXPECT_FALSE(exists(path("rawroll.log.1")));
+  EXPECT_EQ(file.Write("0\n", 2), 2);  // 11 bytes: rolls over
+  EXPECT_EQ(file.GetCurrentSize(), 0u);
+  EXPECT_EQ(file.Write("next\n", 5), 5);
+  file.Close();
+  EXPECT_EQ(read_file(path("rawroll.log.1")), "1234567890\n");
+  EXPECT_EQ(read_file(path("rawroll.log")), "next\n");
+}
+
+TEST_F(RollingFile, WriteToAPathThatCannotBeOpenedReturnsMinusOne) {
+  Zor::RollingFile file(path("a//b.log").c_str());
+  EXPECT_EQ(file.Write("x\n", 2), -1);
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_FALSE(file.HasUnflushedData());
+}
+
+// The stream keeps up to 16 KiB before it writes, so that a busy file makes
+// few write calls; a flush (the daemon's tick) still puts everything on disk.
+TEST_F(RollingFile, StreamBuffersSixteenKiBBeforeWriting) {
+  Zor::RollingFile file(path("buffered.log").c_str());
+  configure(file, 0, 1, false);
+  const std::string chunk(1000, 'b');
+  for (int i = 0; i < 16; ++i) ASSERT_EQ(file.Write(chunk.data(), chunk.size()), 1000);
+  EXPECT_EQ(std::filesystem::file_size(path("buffered.log")), 0u);
+  file.Flush();
+  EXPECT_EQ(std::filesystem::file_size(path("buffered.log")), 16000u);
+  // The buffer is kept for the stream opened after a close.
+  file.Close();
+  for (int i = 0; i < 16; ++i) ASSERT_EQ(file.Write(chunk.data(), chunk.size()), 1000);
+  EXPECT_EQ(std::filesystem::file_size(path("buffered.log")), 16000u);
+  ASSERT_EQ(file.Write(chunk.data(), chunk.size()), 1000);  // 17000 do not fit
+  EXPECT_GT(std::filesystem::file_size(path("buffered.log")), 16000u);
+  file.Close();
+  EXPECT_EQ(std::filesystem::file_size(path("buffered.log")), 33000u);
 }
 
 TEST_F(RollingFile, ReopenedFileContinuesCountFromSizeOnDisk) {

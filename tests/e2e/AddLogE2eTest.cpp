@@ -178,8 +178,12 @@ TEST_F(E2eAddLog, StampAllReachesEveryFileOnce) {
   Texts lines = server_.LogLines("app.log");
   ASSERT_EQ(1u, lines.size()) << "two handles, one file: stamped once";
   EXPECT_TRUE(EndsWith(lines[0], ".000 [INFO ] {AppLog} (77) - stamp me")) << lines[0];
-  EXPECT_EQ(2, Count(server_.LogLines("system.log"), SystemLine("information", 77, "stamp me")))
+  // Each file reaches the disk at its own flush: wait for every file read here.
+  const std::string systemLine = SystemLine("information", 77, "stamp me");
+  EXPECT_TRUE(WaitUntil([&] { return Count(server_.LogLines("system.log"), systemLine) >= 2; }))
       << "once as its destination, once stamped";
+  EXPECT_EQ(2, Count(server_.LogLines("system.log"), systemLine));
+  ASSERT_TRUE(server_.WaitForOwnLogText("stamp me"));
   Texts texts = server_.OwnLogTexts();
   EXPECT_EQ(1, Count(texts, "Stamping all log files with the following message."));
   EXPECT_EQ(1, Count(texts, "stamp me"));

@@ -6,10 +6,13 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -117,6 +120,97 @@ int Count(const std::vector<std::string>& lines, const std::string& line) {
   return count;
 }
 
+std::string ThisHostName() {
+  char name[256] = {};
+  EXPECT_EQ(OS_OK, osTCPGetHostName(name, sizeof name));
+  return name;
+}
+
+kestrin::tKesAddLogMessage MakeAddLogRecord(uint32_t handle, uint16_t destination,
+                                            uint32_t severity, int32_t eventId,
+                                            const std::string& text) {
+  kestrin::tKesAddLogMessage message;
+  memset(&message, 0, sizeof message);
+  message.header.version = kestrin::KES_INTERFACE_VERSION;
+  message.header.type = kestrin::KES_ADD_LOG;
+  message.handle = handle;
+  message.destination = destination;
+  message.severity = severity;
+  message.eventId = eventId;
+  message.timeSeconds = 1700000000;
+  message.timeMicroseconds = 42;
+  message.pid = 99;
+  osLStrCpyn(message.text, text.c_str(), sizeof message.text);
+  return message;
+}
+
+void SendAddLogRecord(const KestrinServer& server, const kestrin::tKesAddLogMessage& message) {
+  server.SendRecord(&message,
+                    offsetof(kestrin::tKesAddLogMessage, text) + strlen(message.text) + 1);
+}
+
+std::vector<flt_test::JsonObject> FaultRecords(const KestrinServer& server) {
+  std::vector<flt_test::JsonObject> records;
+  // A line still being appended is not looked at until its end is there.
+  std::string text = server.ReadFile("kv/log/faultrecords.jsonl");
+  text.erase(text.rfind('\n') == std::string::npos ? 0 : text.rfind('\n') + 1);
+  for (const std::string& line : SplitLines(text)) {
+    flt_test::JsonObject record;
+    std::string error;
+    if (flt_test::StrictJsonParser(line).Parse(&record, &error)) {
+      records.push_back(record);
+    } else {
+      ADD_FAILURE() << "fault record is not valid JSON (" << error << "): " << line;
+    }
+  }
+  return records;
+}
+
+bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
+  return PollUntil(done, timeoutMs);
+}
+
+LedFifo::LedFifo(const KestrinServer& server, int number)
+    : path_(server.Root() + "/dev/led" + std::to_string(number)) {
+  std::filesystem::create_directories(server.Root() + "/dev");
+  std::filesystem::remove(path_);
+  if (mkfifo(path_.c_str(), 0644) != 0) {
+    ADD_FAILURE() << "mkfifo " << path_ << ": " << strerror(errno);
+    return;
+  }
+  fd_ = open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd_ < 0) ADD_FAILURE() << "open " << path_ << ": " << strerror(errno);
+}
+
+LedFifo::~LedFifo() {
+  if (fd_ >= 0) close(fd_);
+}
+
+void LedFifo::ReadAvailable() {
+  if (fd_ < 0) return;
+  char buffer[256];
+  for (;;) {
+    ssize_t n = read(fd_, buffer, sizeof buffer);
+    if (n <= 0) return;  // EAGAIN: a writer is there but wrote nothing more; 0: none is there
+    bytes_.append(buffer, static_cast<size_t>(n));
+  }
+}
+
+std::string LedFifo::WaitForBytes(size_t count, int timeoutMs) {
+  PollUntil(
+      [&]() {
+        ReadAvailable();
+        return bytes_.size() >= count;
+      },
+      timeoutMs);
+  return bytes_;
+}
+
+std::string LedFifo::Bytes() {
+  ReadAvailable();
+  return bytes_;
+}
+
 int KeyOf(char projectId) {
   char keyFile[PATH_MAX];
   int key = -1;
@@ -203,7 +297,8 @@ std::vector<std::string> KestrinServer::OwnLogTexts() const {
 pid_t KestrinServer::Spawn(const std::vector<std::string>& arguments,
                            const std::vector<std::string>& environment, const std::string& outPath,
                            const std::string& errPath) const {
-  std::vector<std::string> words = {DaemonPath()};
+  std::vector<std::string> words = launcher_;
+  words.push_back(DaemonPath());
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<std::string> entries = ChildEnvironment(root_, environment);
   std::vector<char*> argv;

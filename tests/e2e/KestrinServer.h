@@ -17,8 +17,12 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
+
+#include "flt/StrictJson.h"
+#include "kestrin/Records.h"
 
 namespace kestrin_e2e {
 
@@ -86,6 +90,12 @@ class KestrinServer {
   void SendHeader(uint16_t type, uint16_t version = 34, long typeWord = 1,
                   char queueKey = 'Q') const;
 
+  // Words put in front of the daemon's command line by every later Start
+  // and Run, e.g. {"/usr/sbin/ip", "netns", "exec", NAME} to run the daemon
+  // in a network namespace. The first word is an absolute path; the last
+  // must exec the daemon in place, so that Pid() stays the daemon's.
+  void SetLauncher(const std::vector<std::string>& words) { launcher_ = words; }
+
   // The path of the daemon executable.
   static std::string DaemonPath();
 
@@ -104,10 +114,56 @@ class KestrinServer {
   std::string outPath_;
   std::string errPath_;
   std::vector<std::string> errPaths_;  // every process's standard error, scanned at the end
+  std::vector<std::string> launcher_;  // in front of the daemon's path; empty: none
 };
 
 // Whether `lines` holds `line`, and how often.
 int Count(const std::vector<std::string>& lines, const std::string& line);
+// This card's host name, as the daemon prints it in its lines.
+std::string ThisHostName();
+// A raw add-log record from PID 99 with the fixed time 1700000000.000042
+// (2023-11-14T22:13:20.000042 in UTC, the daemon's zone).
+kestrin::tKesAddLogMessage MakeAddLogRecord(uint32_t handle, uint16_t destination,
+                                            uint32_t severity, int32_t eventId,
+                                            const std::string& text);
+// Sends `message` as the client library does: the record up to its text's
+// terminating NUL, and 4 zero bytes.
+void SendAddLogRecord(const KestrinServer& server, const kestrin::tKesAddLogMessage& message);
+// The lines of kv/log/faultrecords.jsonl, each parsed with a strict JSON
+// parser; a line that does not parse is a test failure and is left out. A
+// last line without its line end (still being written) is not looked at.
+std::vector<flt_test::JsonObject> FaultRecords(const KestrinServer& server);
+
+// Polls `done` every 20 ms until it holds (true) or `timeoutMs` has passed
+// (false).
+bool WaitUntil(const std::function<bool()>& done, int timeoutMs = 10000);
+
+// An LED device of a server's root (R/dev/led<number>) replaced by a FIFO
+// whose reading end this object holds open, non-blocking, for its whole
+// life: the daemon opens the device for writing once per byte, and an open
+// for writing of a FIFO blocks until a reader exists. Create it before the
+// daemon starts and let it outlive the daemon (declare it after the server).
+class LedFifo {
+ public:
+  LedFifo(const KestrinServer& server, int number);
+  ~LedFifo();
+  LedFifo(const LedFifo&) = delete;
+  LedFifo& operator=(const LedFifo&) = delete;
+
+  bool Open() const { return fd_ >= 0; }
+  // Every byte written so far, once at least `count` have arrived or after
+  // `timeoutMs`; the bytes stay available to later calls.
+  std::string WaitForBytes(size_t count, int timeoutMs = 10000);
+  // The bytes written so far, without waiting.
+  std::string Bytes();
+
+ private:
+  void ReadAvailable();
+
+  std::string path_;
+  int fd_ = -1;
+  std::string bytes_;
+};
 // The System V key of this root's key file with `projectId`; -1 when missing.
 int KeyOf(char projectId);
 

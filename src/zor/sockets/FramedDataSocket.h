@@ -115,9 +115,10 @@ class FramedDataSocket : private NonCopyable {
   bool SetSendBufferSize(long size);
 
   // Closes the socket (if open) and clears the framing state; the next
-  // Connect() starts afresh. A platform call under way on another thread
-  // keeps the descriptor until it returns (ManagedOsaSocket); it is not
-  // woken by the close.
+  // Connect() starts afresh. A Receive() blocked on another thread is woken
+  // and ends as for a connection closed by the peer (User::SocketClosed); a
+  // platform call under way keeps the descriptor until it returns
+  // (ManagedOsaSocket).
   void Close();
 
   // Gives up the socket without closing it and returns its identifier (-1

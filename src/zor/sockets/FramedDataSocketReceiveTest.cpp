@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -228,6 +230,34 @@ TEST_F(FramedDataSocketReceive, BlockingReceiveReturnsOnlyWhenPeerCloses) {
   EXPECT_EQ(delivered, 3u);
   EXPECT_THAT(blocking.User().Events(),
               ElementsAre("message:a", "message:b", "message:c", "closed"));
+}
+
+// Close() from another thread wakes a blocked Receive(), which ends as for
+// a peer that closed; the peer sees the connection end.
+TEST_F(FramedDataSocketReceive, CloseFromAnotherThreadWakesABlockedReceive) {
+  ConnectedClient blocking(false);
+  ASSERT_TRUE(blocking.Ok());
+  std::atomic<bool> done{false};
+  bool result = true;
+  std::thread reader([&] {
+    result = blocking.Socket().Receive();
+    done = true;
+  });
+  ASSERT_TRUE(send_all(blocking.Peer(), frame("a")));
+  for (int waited = 0; waited < 5000 && blocking.User().Events().empty(); waited += 5) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  EXPECT_FALSE(done);
+  blocking.Socket().Close();
+  for (int waited = 0; waited < 5000 && !done; waited += 5) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ASSERT_TRUE(done) << "Receive() still blocked after Close()";
+  reader.join();
+  EXPECT_FALSE(result);
+  EXPECT_THAT(blocking.User().Events(), ElementsAre("message:a", "closed"));
+  EXPECT_FALSE(blocking.Socket().IsOpen());
+  EXPECT_EQ(receive_bytes(blocking.Peer(), 1, 2000), "");
 }
 
 TEST_F(FramedDataSocketReceive, TwentyConsecutiveRecvRetriesEndWithSocketError) {

@@ -88,6 +88,13 @@ bool ListeningSocket::Accept() {
         user_.AcceptError(*this);
         return false;
       }
+    } else if (GetSocketID() == -1) {
+      // Close() from another thread shut the socket down under this call:
+      // the listener is finished, which is not an accept failure.
+      report_socket_event(SOCKET_LOG_DEBUG,
+                          "Socket " + text(id) + " was closed while accepting (error " + text(rc) +
+                              ")");
+      return false;
     } else {
       report_socket_event(SOCKET_LOG_ERROR, "Error " + text(rc) + " on socket " + text(id));
       user_.AcceptError(*this);

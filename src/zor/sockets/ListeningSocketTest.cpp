@@ -213,6 +213,29 @@ TEST_F(ListeningSocket, OtherAcceptFailureEndsWithAcceptError) {
   EXPECT_EQ(user_.acceptErrors, 1);
 }
 
+// Close() from another thread while the accept loop runs: the accept call
+// then fails, which ends the loop without an accept error.
+Listener* closed_during_accept = nullptr;
+
+int accept_after_close(long /*socket*/, long* /*newSocket*/, tOsTCPSocketAddress* /*farEnd*/) {
+  closed_during_accept->Close();
+  return OS_ERROR_SOCKET;
+}
+
+TEST_F(ListeningSocket, CloseDuringAcceptEndsItWithoutAcceptError) {
+  ASSERT_TRUE(listener_.Init());
+  const std::string id = id_text(listener_.GetSocketID());
+  closed_during_accept = &listener_;
+  table_.tcpAccept = accept_after_close;
+  ScopedOverrides overrides(table_);
+  log_->Clear();
+  EXPECT_FALSE(listener_.Accept());
+  EXPECT_EQ(user_.acceptErrors, 0);
+  EXPECT_EQ(listener_.GetSocketID(), -1);
+  EXPECT_THAT(log_->Entries(),
+              ElementsAre(zs(8, "Socket " + id + " was closed while accepting (error 300)")));
+}
+
 TEST_F(ListeningSocket, CloseThenInitListensAgain) {
   ASSERT_TRUE(listener_.Init());
   listener_.Close();

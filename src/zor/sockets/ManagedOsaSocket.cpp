@@ -50,6 +50,11 @@ void ManagedOsaSocket::Close() {
   // thread picks it up while (or after) the descriptor is released.
   long closing = socket_.exchange(-1, std::memory_order_acq_rel);
   if (closing == -1) return;
+  // On Linux a close does not wake a thread blocked on the descriptor (a
+  // receive, or a select on a listening socket); a shutdown does, and the
+  // woken call then finds the connection closed. Its result is of no
+  // interest: a socket that never connected reports that it is not.
+  osTCPShutdown(closing);
   if (users_ > 0) {
     deferred_.push_back(closing);
     return;

@@ -51,8 +51,9 @@ class ManagedOsaSocket : private NonCopyable {
   // (level 8) on success. Returns IsOpen().
   bool Init(int type, int protocol);
 
-  // Clears the identifier to -1, then closes the socket it held (once the
-  // platform calls under way have ended); a failing close logs "Error r
+  // Clears the identifier to -1, shuts the socket down (which wakes a
+  // platform call blocked on it in another thread), then closes it once the
+  // platform calls under way have ended; a failing close logs "Error r
   // trying to close socket id" (level 2). Does nothing when no socket is
   // open.
   void Close();

@@ -134,6 +134,10 @@ bool ServerSocketManager::Select() {
       HandleReadActivity(count);
       return true;
     }
+    // Close() from another thread between building the array and the wait
+    // leaves a closed descriptor in it: the manager was closed, which is
+    // not a failure.
+    if (rc == OS_ERROR_BAD_SOCKET && listeningSocket_.GetSocketID() == -1) return false;
     if (!HandleSelectError(rc, count, arraySize, errors)) {
       if (user_ != nullptr) user_->SelectError(*this);
       return false;

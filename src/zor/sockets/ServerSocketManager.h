@@ -106,7 +106,9 @@ class ServerSocketManager : public ListeningSocket::User,
   // Waits, without time-out, until the listening socket or a client is
   // readable, then accepts and reads (at most 100 messages per client).
   // True after handling activity; false when there is no listening socket
-  // (never initialised, or closed) and after User::SelectError. An
+  // (never initialised, or closed) and after User::SelectError. A Close()
+  // from another thread wakes the wait; the call then returns true or
+  // false without calling the User, and the next call returns false. An
   // impossible count from the select call ends the process with status 1.
   bool Select();
 

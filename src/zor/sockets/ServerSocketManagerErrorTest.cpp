@@ -440,5 +440,29 @@ TEST_F(ServerSocketManagerThreads, CloseFromAnotherThreadEndsTheSelectLoop) {
   EXPECT_FALSE(manager_.Select());
 }
 
+// Close() from another thread while the select thread waits with nothing to
+// read: the wait is woken and the loop ends without a User callback.
+TEST_F(ServerSocketManagerThreads, CloseWakesAnIdleSelect) {
+  long client = -1;
+  AcceptClient(&client);
+  std::atomic<bool> done{false};
+  std::thread selectThread([&] {
+    while (manager_.Select()) {
+    }
+    done = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_FALSE(done);
+  const std::vector<std::string> before = user_.Events();
+  manager_.Close();
+  for (int waited = 0; waited < 5000 && !done; waited += 5) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  EXPECT_TRUE(done) << "Select() still waiting after Close()";
+  selectThread.join();
+  EXPECT_EQ(user_.Events(), before);
+  EXPECT_EQ(receive_bytes(client, 1, 2000), "");
+}
+
 }  // namespace
 }  // namespace socket_test
