@@ -10,7 +10,7 @@ namespace kestrin {
 
 bool Daemonized = false;
 unsigned long MainThreadsTaskId = 0;
-int sys5q = -1;
+std::atomic<int> sys5q{-1};
 std::string NameOfKestrinsOwnLog = "Kestrin.log";
 
 LogFilePtr systemlog;
@@ -21,8 +21,8 @@ LogFilePtr logFileArray[KES_MAX_HANDLES];
 char Hostname[256] = "UnknownHost";
 
 RoleType KestrinsRoleType = ROLE_DEFAULT;
-int MESSAGES_BEFORE_SLEEP = 80;
-int SLEEP_TIME = 10;
+std::atomic<int> MESSAGES_BEFORE_SLEEP{80};
+std::atomic<int> SLEEP_TIME{10};
 std::string ConfigDirectoryName = "/kv/etc/";
 std::string PathnameOfConfigFile;
 bool UsingDefaultPathnameOfConfigFile = true;

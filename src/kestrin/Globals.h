@@ -1,11 +1,13 @@
 // Process-wide state of the daemon shared by its subsystems.
 //
 // Written on the main thread during start-up, then read by every thread:
-// `sys5q` and `MainThreadsTaskId` are set before any other thread starts.
+// `MainThreadsTaskId` is set before any other thread starts; `sys5q` is set
+// after the service client's termination thread has started, so it is atomic.
 // `Daemonized` is read without a lock by the standard-output echo only.
 #ifndef KESTRIN_KESTRIN_GLOBALS_H_
 #define KESTRIN_KESTRIN_GLOBALS_H_
 
+#include <atomic>
 #include <string>
 
 #include "kestrin/LogFile.h"
@@ -18,7 +20,7 @@ extern bool Daemonized;
 // The platform task id of the main thread, the only writer of log files.
 extern unsigned long MainThreadsTaskId;
 // The request queue's id; -1 while there is none.
-extern int sys5q;
+extern std::atomic<int> sys5q;
 
 // Relative name of the daemon's own log file.
 extern std::string NameOfKestrinsOwnLog;
@@ -48,8 +50,10 @@ extern RoleType KestrinsRoleType;
 
 // Pacing of the main loop: sleep SLEEP_TIME milliseconds after every
 // MESSAGES_BEFORE_SLEEP requests. Set from the configuration, kept positive.
-extern int MESSAGES_BEFORE_SLEEP;
-extern int SLEEP_TIME;
+// Atomic: a re-read on the main thread changes them while a Master's select
+// thread paces itself with them.
+extern std::atomic<int> MESSAGES_BEFORE_SLEEP;
+extern std::atomic<int> SLEEP_TIME;
 
 // Where the configuration comes from (command line, then defaults formed
 // from ConfigDirectoryName, which always ends in "/").

@@ -83,7 +83,9 @@ class InternalLog : public ::testing::Test {
     ASSERT_EQ(OS_OK, osMapPath(KES_FTOK_TARGET, keyFile, sizeof keyFile));
     int key = 0;
     ASSERT_EQ(OS_OK, osSysVKey(keyFile, 'I', &key));
-    ASSERT_EQ(OS_OK, osSysVQueueOpen(key, 1, &sys5q));
+    int queueId = -1;
+    ASSERT_EQ(OS_OK, osSysVQueueOpen(key, 1, &queueId));
+    sys5q = queueId;
   }
 
   std::string name_;

@@ -60,7 +60,20 @@ TEST(OsaLwtMutex, NullOrEmptyHandleIsInvalid) {
   EXPECT_EQ(OS_ERROR_INVALID_PARAMETER, osCleanupLwtMutex(&empty));
 }
 
+#if defined(__SANITIZE_THREAD__)
+#define KESTRIN_UNDER_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KESTRIN_UNDER_TSAN 1
+#endif
+#endif
+
 TEST(OsaLwtMutex, CleanupOfALockedMutexFailsAndKeepsIt) {
+#ifdef KESTRIN_UNDER_TSAN
+  // ThreadSanitizer reports destroying a locked mutex, which is what this
+  // test does on purpose, and the report would fail every later fork test.
+  GTEST_SKIP() << "destroys a locked mutex on purpose; ThreadSanitizer reports that";
+#endif
   unsigned long mutex = 0;
   ASSERT_EQ(OS_OK, osInitializeLwtMutex(&mutex, 0, 0));
   ASSERT_EQ(OS_OK, osLockLwtMutex(&mutex));

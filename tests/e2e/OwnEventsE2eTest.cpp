@@ -172,6 +172,8 @@ TEST(E2eOwnEvents, UnreadableTaxonomyRaises7001ThroughTheBuiltInEntry) {
                 "]:\teventID=7001; message=" + text +
                 "; problemResolution=Contact your local support group.",
             AfterTime(lines[0]));
+  // Each file reaches the disk at its own flush: wait for system.log too.
+  ASSERT_TRUE(server.WaitForLogLine("system.log", "eventID=7001;"));
   EXPECT_EQ(lines, OwnEventLines(server, "system.log", 7001));
 
   EXPECT_EQ(std::string("\x80\x09"), led1.WaitForBytes(2)) << "RED_ON on LED 2";
