@@ -3,15 +3,12 @@
 #include <cstring>
 #include <iostream>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "kestrin/AddLog.h"
 #include "kestrin/AlarmUtils.h"
 #include "kestrin/Globals.h"
 #include "kestrin/InternalLog.h"
 #include "kestrin/Lifecycle.h"
-#include "kestrin/RecordValidation.h"
 #include "kestrin/RegTable.h"
 #include "qrt/KesSharedLayout.h"
 
@@ -106,33 +103,6 @@ void AgentRole::ShutDown(int /*reason*/, const char* /*text*/) {
   socket.Close();
   for (int waits = 0; waits < SHUTDOWN_WAITS && !receiveThread.HasStopped(); ++waits) {
     osSleep(SHUTDOWN_WAIT_MS);
-  }
-  WritePendingReports();
-}
-
-// The receive thread reports a lost connection on the queue and then sets
-// graceful_quit, so the main loop usually stops before it has read the
-// report that says why. Clean-up runs on the main thread: the reports still
-// waiting are written now; every other record goes back on the queue, in
-// its order, for a restarted daemon.
-void AgentRole::WritePendingReports() {
-  if (sys5q == -1) return;
-  std::vector<std::pair<tKesLoggerMessage, long>> others;
-  tKesLoggerMessage message;
-  long textSize = 0;
-  while (osSysVQueueReceive(sys5q, &message, KES_MAX_QUEUE_TEXT, 1, &textSize) == OS_OK) {
-    const long recordSize = KesRecordSizeFromQueueLength(textSize);
-    if (message.mtype == 1 && recordSize >= static_cast<long>(sizeof(tKesMessage)) &&
-        message.header.type == KES_INTERNAL_LOG_REQUEST &&
-        ValidateInternalLogRequestMessage(&message.internalLogRequest,
-                                          static_cast<unsigned int>(recordSize))) {
-      HandleInternalLogRequest(message, false);
-    } else {
-      others.emplace_back(message, textSize);
-    }
-  }
-  for (auto& other : others) {
-    osSysVQueueSend(sys5q, &other.first, static_cast<size_t>(other.second), 1);
   }
 }
 

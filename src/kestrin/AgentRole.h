@@ -89,9 +89,8 @@ class AgentRole : public Role,
   // shutdown came first, or the thread cannot start.
   bool StartUp() override;
   // Prints "AgentRole::ShutDown"; the first call closes the connection
-  // (which ends the receive thread), waits up to 2 seconds for the thread,
-  // then writes the internal reports still waiting on the request queue
-  // (the reason the connection ended among them). Main thread.
+  // (which ends the receive thread) and waits up to 2 seconds for the
+  // thread; clean-up then writes the thread's last reports. Main thread.
   void ShutDown(int reason, const char* text) override;
   // Makes a connect loop in progress end. Any thread.
   void ShutDownPending() override;
@@ -130,8 +129,6 @@ class AgentRole : public Role,
   void SendAgentGreetingsToMaster() {}
   int sendRegisteredAddLog(tKesLoggerMessage* message, unsigned int size, int32_t handle);
   int sendUnregisteredAddLog(const tKesAddLogMessage& record, unsigned int size, unsigned int slot);
-  // Writes the internal reports waiting on the request queue (main thread).
-  static void WritePendingReports();
   // Logs `text` at warning level and makes the daemon stop.
   void connectionLost(const char* text);
 

@@ -387,6 +387,10 @@ void init_host_and_process_info() {
 
 void clean_up(int /*queueId*/, int reason, const char* text) {
   if (RolePtr != nullptr) RolePtr->ShutDown(reason, text);
+  // A thread that reported and then set a quit flag may have stopped the
+  // main loop before its report was read: it is written now, before the
+  // files are flushed.
+  WriteWaitingInternalReports();
   LogInfo(text);
   osSyslog(OS_LOG_INFO, "%s", "Kestrin shutting down");
   FlushFiles();

@@ -8,6 +8,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "kestrin/AlarmUtils.h"
 #include "kestrin/Configuration.h"
@@ -363,7 +364,137 @@ bool TickPass() {
 
 void TimerTickEntry(void* /*argument*/) { TimerTickThread(0); }
 
+// ---- clean-up ----------------------------------------------------------------
+
+// Clean-up sends a record that must go back behind the others at most this
+// often while clients keep the queue full, this long apart.
+constexpr int PUT_BACK_ATTEMPTS = 20;
+constexpr unsigned long PUT_BACK_PAUSE_MS = 5;
+
+// A record as big as the largest the system allows, for looking at records
+// that the main loop never took off.
+class QueueRecordBuffer {
+ public:
+  QueueRecordBuffer() {
+    if (osSysVQueueMaxTextSize(&maxText_) != OS_OK || maxText_ < KES_MAX_QUEUE_TEXT) {
+      maxText_ = KES_MAX_QUEUE_TEXT;
+    }
+    words_.resize(1 + (maxText_ + sizeof(long) - 1) / sizeof(long));
+  }
+  void* Data() { return words_.data(); }
+  size_t MaxText() const { return maxText_; }
+  const tKesLoggerMessage& Record() const {
+    return *reinterpret_cast<const tKesLoggerMessage*>(words_.data());
+  }
+
+ private:
+  size_t maxText_ = 0;
+  std::vector<long> words_;
+};
+
+// An internal report as the main loop would dispatch it: type word 1, a
+// header of version 34 and type 12, small enough to be received.
+bool IsInternalReport(const tKesLoggerMessage& record, long textSize) {
+  return textSize <= static_cast<long>(KES_MAX_QUEUE_TEXT) &&
+         KesRecordSizeFromQueueLength(textSize) >= MIN_RECORD_SIZE && record.mtype == 1 &&
+         record.header.version == KES_INTERFACE_VERSION &&
+         record.header.type == KES_INTERNAL_LOG_REQUEST;
+}
+
+// Where the internal reports lie among the waiting records.
+struct WaitingRecords {
+  int result = OS_OK;      // of the last look: OS_ERROR_WOULD_BLOCK at the end
+  unsigned long count = 0;
+  unsigned long reports = 0;
+  bool otherAheadOfReport = false;
+};
+
+WaitingRecords Survey(QueueRecordBuffer& buffer) {
+  WaitingRecords waiting;
+  bool otherSeen = false;
+  for (;; ++waiting.count) {
+    long textSize = 0;
+    waiting.result =
+        osSysVQueuePeek(sys5q, waiting.count, buffer.Data(), buffer.MaxText(), &textSize);
+    if (waiting.result != OS_OK) break;
+    if (IsInternalReport(buffer.Record(), textSize)) {
+      ++waiting.reports;
+      if (otherSeen) waiting.otherAheadOfReport = true;
+    } else {
+      otherSeen = true;
+    }
+  }
+  return waiting;
+}
+
+// Takes the first record off the queue (it is in `buffer`) and counts it as
+// the main loop would, so that the stale rule sees every record in turn.
+void TakeFirst() {
+  osSysVQueueDiscardFirst(sys5q, nullptr);
+  ++NumMessagesReadFromQueue;
+}
+
+void WriteReport(const tKesLoggerMessage& record, long textSize) {
+  memcpy(&s_message, &record, sizeof(long) + static_cast<size_t>(textSize));
+  ErrorThrottle unused(KES_LOOP_MAX_FAILURES, KES_LOOP_FAILURE_PERIOD_SECONDS);
+  Request request{s_message, static_cast<unsigned int>(KesRecordSizeFromQueueLength(textSize)),
+                  unused};
+  HandleInternalLogRequestRecord(request);
+}
+
+// Puts a copy of the first record at the back, before it is taken off, so
+// that a queue kept full by clients can cost order but never a record.
+bool CopyToBack(QueueRecordBuffer& buffer, long textSize) {
+  for (int attempt = 0; attempt < PUT_BACK_ATTEMPTS; ++attempt) {
+    int result = osSysVQueueSend(sys5q, buffer.Data(), static_cast<size_t>(textSize), 1);
+    if (result == OS_OK) return true;
+    if (result != OS_ERROR_WOULD_BLOCK) return false;
+    osSleep(PUT_BACK_PAUSE_MS);
+  }
+  return false;
+}
+
 }  // namespace
+
+void WriteWaitingInternalReports() {
+  if (sys5q == -1) return;
+  QueueRecordBuffer buffer;
+  const WaitingRecords waiting = Survey(buffer);
+  if (waiting.result != OS_ERROR_WOULD_BLOCK) {
+    LogKestrinMessage(KES_SEVERITY_WARNING,
+                      "Unable to look at the records left on the request queue, error " +
+                          std::to_string(osGetSpecificErrorCode(waiting.result)) +
+                          "; internal reports among them stay there for the next start",
+                      NO_EVENT_ID);
+    return;
+  }
+  if (waiting.reports == 0) return;
+  unsigned long reportsLeft = waiting.reports;
+  // Reports at the front are simply taken. Once another record stands ahead
+  // of a report, every waiting record goes round to the back, so that the
+  // others end in their old order.
+  for (unsigned long i = 0; i < waiting.count; ++i) {
+    long textSize = 0;
+    if (osSysVQueuePeek(sys5q, 0, buffer.Data(), buffer.MaxText(), &textSize) != OS_OK) break;
+    if (IsInternalReport(buffer.Record(), textSize)) {
+      TakeFirst();
+      --reportsLeft;
+      WriteReport(buffer.Record(), textSize);
+    } else if (!waiting.otherAheadOfReport) {
+      break;
+    } else if (CopyToBack(buffer, textSize)) {
+      TakeFirst();
+    } else {
+      break;
+    }
+  }
+  if (reportsLeft == 0) return;
+  LogKestrinMessage(KES_SEVERITY_WARNING,
+                    "The request queue stayed full during clean-up; " +
+                        std::to_string(reportsLeft) +
+                        " internal reports stay on it for the next start",
+                    NO_EVENT_ID);
+}
 
 int SendHeaderOnlyRecord(int queueId, uint16_t type, bool noWait) {
   tKesLoggerMessage message;

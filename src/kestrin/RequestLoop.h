@@ -63,6 +63,17 @@ void run();
 // 7010 naming `source` and the version, and returns false. Any thread.
 bool checkMessageVersion(const tKesMessage& header, const char* source);
 
+// Clean-up, on the main thread once run() has ended: writes every internal
+// report (type 12) still waiting on the request queue into the own log
+// through the main loop's own handler, stale rule included, so that a thread
+// that reported and then asked the daemon to stop is heard. Every other
+// record stays on the queue for the next start, in its order: when another
+// record stands ahead of a report, the waiting records go round to the back
+// one by one (a copy is put at the back before the record is taken off, so
+// none is lost). Should clients keep the queue full meanwhile, the round
+// stops and the reports not yet reached stay too (reported).
+void WriteWaitingInternalReports();
+
 // Starts the thread that puts a tick request on the queue once a second.
 // A failure is logged and start-up goes on without ticks.
 void StartTimerTickThread();

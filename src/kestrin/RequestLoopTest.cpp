@@ -524,6 +524,128 @@ TEST_F(RequestLoop, RecordLongerThanTheBufferFailsEveryReceiveUntil903) {
   EXPECT_EQ(1u, waiting) << "the record stays on the queue";
 }
 
+// ---- reports left waiting at clean-up ------------------------------------------
+
+class WaitingReports : public RequestLoop {
+ protected:
+  void SendReport(const char* text, unsigned short severity = KES_SEVERITY_WARNING) {
+    tKesLoggerMessage report;
+    timeval when{1700000000, 0};
+    unsigned int size =
+        FormatKesInternalLogRequestMessage(&report.internalLogRequest, when, severity, 7, text);
+    SendRecord(&report.internalLogRequest, size);
+  }
+
+  // Every record on the queue, taken off: its type and text size, or "big"
+  // and the size for one too large for the loop's buffer.
+  Texts TakeAll() {
+    Texts left;
+    for (;;) {
+      std::vector<long> buffer(1 + 8192 / sizeof(long));
+      long textSize = 0;
+      if (osSysVQueueReceive(sys5q, buffer.data(), 8192, 1, &textSize) != OS_OK) return left;
+      const auto* record = reinterpret_cast<const tKesLoggerMessage*>(buffer.data());
+      left.push_back(textSize > static_cast<long>(KES_MAX_QUEUE_TEXT)
+                         ? "big " + std::to_string(textSize)
+                         : std::to_string(record->header.type) + " " + std::to_string(textSize));
+    }
+  }
+
+  unsigned long Waiting() {
+    unsigned long count = 0;
+    unsigned long limit = 0;
+    EXPECT_EQ(OS_OK, osSysVQueueStat(sys5q, &count, &limit));
+    return count;
+  }
+};
+
+TEST_F(WaitingReports, ReportsAtTheFrontAreWrittenAndTheRestIsLeftAlone) {
+  SendReport("first");
+  SendReport("second", KES_SEVERITY_DEBUG);
+  SendHeader(KES_TIMER_TICK);
+  SendHeader(KES_DUMP_REG_TABLE);
+  OwnLogCapture own;
+  WriteWaitingInternalReports();
+  EXPECT_EQ(Texts({"first", "second"}), own.Texts());
+  EXPECT_EQ(2u, NumMessagesReadFromQueue) << "the tick and the dump were never taken off";
+  EXPECT_EQ(Texts({"13 8", "15 8"}), TakeAll());
+}
+
+TEST_F(WaitingReports, ReportsBehindOtherRecordsAreWrittenAndTheOthersKeepTheirOrder) {
+  SendHeader(KES_TIMER_TICK);
+  SendReport("first");
+  SendHeader(KES_DUMP_REG_TABLE);
+  std::vector<char> big(2000, 'x');
+  SendText(big.data(), big.size());
+  SendReport("second");
+  SendHeader(KES_RELOAD_REQUEST);
+  OwnLogCapture own;
+  WriteWaitingInternalReports();
+  EXPECT_EQ(Texts({"first", "second"}), own.Texts());
+  EXPECT_EQ(Texts({"13 8", "15 8", "big 2000", "14 8"}), TakeAll());
+}
+
+TEST_F(WaitingReports, WithoutReportsNothingIsTakenOff) {
+  SendHeader(KES_TIMER_TICK);
+  SendHeader(KES_DUMP_REG_TABLE);
+  OwnLogCapture own;
+  WriteWaitingInternalReports();
+  EXPECT_TRUE(own.Texts().empty());
+  EXPECT_EQ(0u, NumMessagesReadFromQueue);
+  EXPECT_EQ(Texts({"13 8", "15 8"}), TakeAll());
+}
+
+TEST_F(WaitingReports, ReportsWaitingSinceTheStartAreMarkedStale) {
+  SendReport("from before the start");
+  createKestrinsQueue();
+  ASSERT_EQ(1u, NumMessagesInitiallyInQueue);
+  SendReport("from now");
+  OwnLogCapture own;
+  WriteWaitingInternalReports();
+  EXPECT_EQ(Texts({"STALE MESSAGE: from before the start", "from now"}), own.Texts());
+}
+
+TEST_F(WaitingReports, ABadReportIsReportedAndDroppedAsTheLoopWould) {
+  tKesLoggerMessage report;
+  timeval when{1700000000, 0};
+  unsigned int size = FormatKesInternalLogRequestMessage(&report.internalLogRequest, when,
+                                                         KES_SEVERITY_INFO, 1, "abc");
+  report.internalLogRequest.messageToLog[3] = 'd';
+  SendRecord(&report.internalLogRequest, size);
+  OwnLogCapture own;
+  WriteWaitingInternalReports();
+  EXPECT_EQ(Texts({"InternalLogRequestMessage: String not null-terminated, or message size "
+                   "incorrect. String: abcd"}),
+            own.Texts());
+  EXPECT_EQ(0u, Waiting());
+}
+
+TEST_F(WaitingReports, AQueueKeptFullLeavesEveryRecordInPlace) {
+  SendHeader(KES_TIMER_TICK);
+  SendReport("waits for the next start");
+  // Fill the queue to its byte limit, whatever it is here.
+  for (size_t size : {8000, 1000, 100, 8}) {
+    std::vector<char> filler(size, 'f');
+    std::vector<char> buffer(sizeof(long) + size);
+    const long typeWord = 1;
+    memcpy(buffer.data(), &typeWord, sizeof typeWord);
+    memcpy(buffer.data() + sizeof(long), filler.data(), size);
+    while (osSysVQueueSend(sys5q, buffer.data(), size, 1) == OS_OK) {
+    }
+  }
+  const unsigned long before = Waiting();
+  OwnLogCapture own;
+  WriteWaitingInternalReports();
+  EXPECT_EQ(Texts({"The request queue stayed full during clean-up; 1 internal reports stay on it "
+                   "for the next start"}),
+            own.Texts());
+  EXPECT_EQ(before, Waiting());
+  const Texts left = TakeAll();
+  ASSERT_GE(left.size(), 2u);
+  EXPECT_EQ("13 8", left[0]);
+  EXPECT_EQ("12 " + std::to_string(KesQueueSendLength(22 + 24)), left[1]);
+}
+
 // ---- NO-OP, ticks, dumps, obsolete requests -------------------------------------
 
 TEST_F(RequestLoop, ThirdNoOpLogsTheSentenceThreeTimesInOneLine) {

@@ -11,6 +11,8 @@
 #include <sys/time.h>
 #include <syslog.h>
 
+#include <vector>
+
 #include "osa/OsaInternal.h"
 #include "osa/osa.h"
 
@@ -67,6 +69,40 @@ int osSysVQueueReceive(int queueId, void* message, size_t maxTextSize, int noWai
   }
   if (errno == ENOMSG) return OS_ERROR_WOULD_BLOCK;
   return sysv_error(errno);
+}
+
+int osSysVQueuePeek(int queueId, unsigned long index, void* message, size_t maxTextSize,
+                    long* textSize) {
+  if (message == nullptr || textSize == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  ssize_t n = msgrcv(queueId, message, maxTextSize, static_cast<long>(index), MSG_COPY | IPC_NOWAIT);
+  if (n >= 0) {
+    *textSize = static_cast<long>(n);
+    return OS_OK;
+  }
+  if (errno == ENOMSG) return OS_ERROR_WOULD_BLOCK;
+  return sysv_error(errno);
+}
+
+int osSysVQueueMaxTextSize(size_t* textSize) {
+  if (textSize == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  msginfo info{};
+  if (msgctl(0, IPC_INFO, reinterpret_cast<msqid_ds*>(&info)) < 0) return sysv_error(errno);
+  *textSize = static_cast<size_t>(info.msgmax);
+  return OS_OK;
+}
+
+int osSysVQueueDiscardFirst(int queueId, long* textSize) {
+  size_t maxText = 0;
+  int result = osSysVQueueMaxTextSize(&maxText);
+  if (result != OS_OK) return result;
+  // A buffer of the system's largest record size learns the record's whole
+  // size; MSG_NOERROR still takes off one that is larger (msgmax lowered
+  // after it was sent).
+  std::vector<long> buffer(1 + (maxText + sizeof(long) - 1) / sizeof(long));
+  ssize_t n = msgrcv(queueId, buffer.data(), maxText, 0, IPC_NOWAIT | MSG_NOERROR);
+  if (n < 0) return errno == ENOMSG ? OS_ERROR_WOULD_BLOCK : sysv_error(errno);
+  if (textSize != nullptr) *textSize = static_cast<long>(n);
+  return OS_OK;
 }
 
 int osSysVQueueStat(int queueId, unsigned long* messageCount, unsigned long* byteLimit) {

@@ -91,6 +91,51 @@ TEST(OsSysVQueue, TooLongMessageStaysQueuedAndReportsE2big) {
   EXPECT_EQ(1u, count);
 }
 
+TEST(OsSysVQueue, PeekCopiesARecordByPositionAndLeavesItQueued) {
+  PrivateQueue queue;
+  for (const char* text : {"first", "second"}) {
+    QueueBuffer out{};
+    out.type = 1;
+    strcpy(out.text, text);
+    ASSERT_EQ(OS_OK, osSysVQueueSend(queue.Id(), &out, strlen(text) + 1, 1));
+  }
+  QueueBuffer in{};
+  long size = 0;
+  ASSERT_EQ(OS_OK, osSysVQueuePeek(queue.Id(), 1, &in, sizeof in.text, &size));
+  EXPECT_EQ(7, size);
+  EXPECT_STREQ("second", in.text);
+  ASSERT_EQ(OS_OK, osSysVQueuePeek(queue.Id(), 0, &in, sizeof in.text, &size));
+  EXPECT_STREQ("first", in.text);
+  size = -5;
+  EXPECT_EQ(OS_ERROR_WOULD_BLOCK, osSysVQueuePeek(queue.Id(), 2, &in, sizeof in.text, &size));
+  EXPECT_EQ(-5, size);
+  int result = osSysVQueuePeek(queue.Id(), 0, &in, 3, &size);
+  EXPECT_EQ(OS_ERROR_BUFFER_TOO_SMALL, result & 0xffff);
+  EXPECT_EQ(E2BIG, osGetSpecificErrorCode(result));
+  unsigned long count = 0;
+  ASSERT_EQ(OS_OK, osSysVQueueStat(queue.Id(), &count, nullptr));
+  EXPECT_EQ(2u, count);
+}
+
+TEST(OsSysVQueue, DiscardFirstTakesOffARecordOfAnySizeAndTellsItsSize) {
+  PrivateQueue queue;
+  size_t maxText = 0;
+  ASSERT_EQ(OS_OK, osSysVQueueMaxTextSize(&maxText));
+  EXPECT_GE(maxText, 2000u);
+  std::vector<char> big(sizeof(long) + 2000, 'b');
+  const long typeWord = 1;
+  memcpy(big.data(), &typeWord, sizeof typeWord);
+  ASSERT_EQ(OS_OK, osSysVQueueSend(queue.Id(), big.data(), 2000, 1));
+  QueueBuffer small{};
+  small.type = 1;
+  ASSERT_EQ(OS_OK, osSysVQueueSend(queue.Id(), &small, 8, 1));
+  long size = 0;
+  ASSERT_EQ(OS_OK, osSysVQueueDiscardFirst(queue.Id(), &size));
+  EXPECT_EQ(2000, size);
+  ASSERT_EQ(OS_OK, osSysVQueueDiscardFirst(queue.Id(), nullptr));
+  EXPECT_EQ(OS_ERROR_WOULD_BLOCK, osSysVQueueDiscardFirst(queue.Id(), &size));
+}
+
 TEST(OsSysVQueue, FullQueueWithoutWaitingWouldBlock) {
   PrivateQueue queue;
   ASSERT_EQ(OS_OK, osSysVQueueSetByteLimit(queue.Id(), 64));

@@ -416,6 +416,24 @@ int osSysVQueueSend(int queueId, const void* message, size_t textSize, int noWai
 int osSysVQueueReceive(int queueId, void* message, size_t maxTextSize, int noWait,
                        long* textSize);
 
+/* Copies the record at position `index` (0: the first) into `message`
+ * without taking it off the queue (msgrcv with MSG_COPY), type word first;
+ * `*textSize` receives its text size. No record at that position gives the
+ * plain OS_ERROR_WOULD_BLOCK; a record longer than `maxTextSize` gives
+ * OS_ERROR_BUFFER_TOO_SMALL (detail E2BIG); a kernel built without the
+ * facility gives an error value with detail ENOSYS. Only meaningful while no
+ * other thread takes records off the queue. */
+int osSysVQueuePeek(int queueId, unsigned long index, void* message, size_t maxTextSize,
+                    long* textSize);
+
+/* Takes the first record off the queue whatever its size and throws it
+ * away; `*textSize` (may be null) receives its text size. An empty queue
+ * gives the plain OS_ERROR_WOULD_BLOCK. */
+int osSysVQueueDiscardFirst(int queueId, long* textSize);
+
+/* The largest text size a record may have on this system (msgmax). */
+int osSysVQueueMaxTextSize(size_t* textSize);
+
 /* The queue's message count and byte limit (msgctl IPC_STAT). */
 int osSysVQueueStat(int queueId, unsigned long* messageCount, unsigned long* byteLimit);
 /* Sets the byte limit (msgctl IPC_SET); raising it above the system's
