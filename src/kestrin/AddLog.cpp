@@ -10,6 +10,7 @@
 #include "kestrin/CardID.h"
 #include "kestrin/Globals.h"
 #include "kestrin/InternalLog.h"
+#include "kestrin/LogFileNames.h"
 #include "kestrin/RegTable.h"
 #include "kestrin/TextForms.h"
 #include "kestrin/Timestamp.h"
@@ -105,11 +106,17 @@ void MapEvent(const tKesAddLogMessage* message, MappedEvent* event) {
 
 void FormatLine(const tKesAddLogMessage* message, const MappedEvent& event,
                 const char* moduleNameInLog) {
+  // Control bytes from the client (or the taxonomy) would start a line or a
+  // field of their own: they are escaped.
+  std::string escapedName;
+  std::string escapedMessage;
+  moduleNameInLog = WithControlBytesEscaped(moduleNameInLog, &escapedName);
+  const char* eventMessage = WithControlBytesEscaped(event.message, &escapedMessage);
   bool hasResolution = event.problemResolution != nullptr && event.problemResolution[0] != '\0';
   // snprintf cuts the line at KES_MAX_LOG_LINE characters and terminates it.
   snprintf(s_line, KES_MAX_LOG_LINE + 1, "<%s>\t%s%06d\t%s\t%s\t[%d]:\teventID=%d; message=%s%s%s",
            event.severityWord, GetTimestampString(message->timeSeconds), message->timeMicroseconds,
-           Hostname, moduleNameInLog, message->pid, event.eventId, event.message,
+           Hostname, moduleNameInLog, message->pid, event.eventId, eventMessage,
            hasResolution ? PROBLEM_RESOLUTION_PREFIX : "",
            hasResolution ? event.problemResolution : "");
   s_lineLength = strnlen(s_line, KES_MAX_LOG_LINE);
@@ -156,6 +163,10 @@ std::string CardIDText(unsigned long cardId) {
 void process_add_log_message(const tKesAddLogMessage* message) {
   const unsigned long now = osGetClock();
   const unsigned int handle = message->handle;
+  const bool toPrivateFile = (message->destination & KES_DESTINATION_PRIVATE_FILE) != 0;
+  // A private file that may not be used (a refused name, or one file too
+  // many) drops the whole request, before it can raise anything.
+  if (toPrivateFile && !AddLogFileEntry(handle, message->cardId, message->pid)) return;
   MappedEvent event{};
   MapEvent(message, &event);
 
@@ -169,10 +180,8 @@ void process_add_log_message(const tKesAddLogMessage* message) {
   }
   UpdateLEDs(event.led1, event.led2, event.eventId);
 
-  const bool toPrivateFile = (message->destination & KES_DESTINATION_PRIVATE_FILE) != 0;
   const bool toSystemLog = (message->destination & KES_DESTINATION_SYSTEM_LOG_BITS) != 0;
   const bool stampAll = (message->flags & KES_FLAG_STAMP_ALL_LOGS) != 0;
-  if (toPrivateFile) AddLogFileEntry(handle, message->cardId, message->pid);
   const LogFilePtr& file = logFileArray[handle];
   const bool operational = !file.IsNil() && file->IsOperationalLog();
 
@@ -197,7 +206,7 @@ void process_add_log_message(const tKesAddLogMessage* message) {
   FlushWhenDue(now);
 }
 
-void AddLogFileEntry(unsigned int handle, unsigned long cardId, long processId) {
+bool AddLogFileEntry(unsigned int handle, unsigned long cardId, long processId) {
   const tKesRegTableEntry& entry = sharedRegistrationTable[handle];
   size_t length = 0;
   const char* name = NormalizedSlotFileName(entry, &length);
@@ -206,24 +215,23 @@ void AddLogFileEntry(unsigned int handle, unsigned long cardId, long processId) 
   // (the map holds that same object under it), so no lookup is needed.
   if (!current.IsNil() && current->GetName().compare(0, std::string::npos, name, length) == 0) {
     PublishFilter(handle, current);
-    return;
+    return true;
   }
-  std::string normalized(name, length);
-  auto found = logFileMap.find(normalized);
-  if (found != logFileMap.end()) {
-    current = found->second;
+  const std::string normalized(name, length);
+  bool created = false;
+  current = FindOrAddLogFile(normalized, LogFileRequester::CLIENT, &created);
+  if (current.IsNil()) return false;
+  if (!created) {
     PublishFilter(handle, current);
-    return;
+    return true;
   }
-  LogFilePtr file(new LogFile(normalized));
-  current = file;
-  logFileMap[normalized] = file;
   if (OwnLogAdmits(KES_SEVERITY_DEBUG)) {
     SlotNames names;
     ReadSlotNames(handle, &names);
     LogDebug(std::string("Module ") + names.moduleName + " (" + std::to_string(processId) + " on " +
              CardIDText(cardId) + ") is registering the private log file " + normalized);
   }
+  return true;
 }
 
 uint32_t GetDefaultEventClass(DetailedSeverity severity, unsigned char /*byteValue*/,
@@ -258,7 +266,7 @@ void StampAllLogs(const tKesAddLogMessage* message, const char* line) {
 
   for (unsigned int handle = 0; handle < KES_REG_TABLE_SLOTS; ++handle) {
     if (sharedRegistrationTable[handle].state != KES_SLOT_STATE_REGISTERED) continue;
-    if (logFileArray[handle].IsNil()) AddLogFileEntry(handle, 0, -1);
+    if (logFileArray[handle].IsNil() && !AddLogFileEntry(handle, 0, -1)) continue;
     const LogFilePtr& file = logFileArray[handle];
     if (file->GetMarker()) continue;
     if (file->IsOperationalLog()) {

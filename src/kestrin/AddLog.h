@@ -38,8 +38,11 @@ void process_add_log_message(const tKesAddLogMessage* message);
 
 // Makes sure `handle` has its private log file: the file already known
 // under the slot's (normalised) file name, whose level then goes into the
-// handle's filter, or a new one, which is announced in the own log.
-void AddLogFileEntry(unsigned int handle, unsigned long cardId, long processId);
+// handle's filter, or a new one, which is announced in the own log. Returns
+// false, leaving the handle without a file, when the slot's name is refused
+// or no more files may be added (LogFileNames.h); the caller then drops the
+// request.
+bool AddLogFileEntry(unsigned int handle, unsigned long cardId, long processId);
 
 // The event class when neither the taxonomy nor the client gave one:
 // security (256) for a security log, else fault (1) down to the warning

@@ -290,6 +290,53 @@ TEST_F(AddLog, LeadingSlashesOfTheRegisteredFileNameAreDropped) {
   EXPECT_EQ(1u, logFileMap.count(privateName_));
 }
 
+TEST_F(AddLog, ASlotNamingAFileOutsideDropsTheWholeRequest) {
+  Register(3, "Module3", "Mod3InLog", "../outside.log");
+  AlarmMap[505] = Entry(505, "major", "Fan failed", true, "");
+  FileCapture alarms(alarmLog);
+  FileCapture system(systemlog);
+  OwnLogCapture own;
+  tKesAddLogMessage message = AddLogRecord(3, 0x3, 1, 505, "fan 2");
+  process_add_log_message(&message);
+  process_add_log_message(&message);
+  EXPECT_TRUE(logFileArray[3].IsNil());
+  EXPECT_EQ("", alarms.Raw());
+  EXPECT_EQ("", system.Raw());
+  EXPECT_EQ(Lines({"Refused log file name \"../outside.log\": it leads outside the log directory"}),
+            own.Texts());
+  EXPECT_EQ(0u, logFileMap.count("../outside.log"));
+}
+
+TEST_F(AddLog, ARefusedSlotNameTakesTheHandlesEarlierFileAway) {
+  AddLogFileEntry(3, 0, 1);
+  ASSERT_FALSE(logFileArray[3].IsNil());
+  Register(3, "Module3", "Mod3InLog", "a/../../b.log");
+  EXPECT_FALSE(AddLogFileEntry(3, 0, 1));
+  EXPECT_TRUE(logFileArray[3].IsNil());
+}
+
+TEST_F(AddLog, ControlBytesOfTheClientAreEscapedInEveryLine) {
+  Register(3, "Module3", "Mod\tInLog", privateName_.c_str());
+  FileCapture system(systemlog);
+  tKesAddLogMessage message = AddLogRecord(3, 0x3, 4, 77, "ok\n<error>\tforged\x7f");
+  process_add_log_message(&message);
+  EXPECT_EQ(Lines({"<information>\t2023-11-14T22:13:20.000042\ttesthost\tMod#011InLog\t[99]:\t"
+                   "eventID=77; message=ok#012<error>#011forged#177"}),
+            system.Lines());
+  EXPECT_EQ("2023-11-14T22:13:20.000 [INFO ] {Mod#011InLog} (77) - ok#012<error>#011forged#177\n",
+            PrivateFileText());
+}
+
+TEST_F(AddLog, StampAllSkipsASlotWhoseNameIsRefused) {
+  Register(5, "Module5", "Mod5InLog", "../stamp-outside.log");
+  AddLogFileEntry(3, 0, 1);
+  tKesAddLogMessage message =
+      AddLogRecord(3, 0x2, 4, 77, "stamp me", 500000, KES_FLAG_STAMP_ALL_LOGS);
+  process_add_log_message(&message);
+  EXPECT_NE(std::string::npos, PrivateFileText().find("stamp me"));
+  EXPECT_TRUE(logFileArray[5].IsNil());
+}
+
 TEST_F(AddLog, StampAllWritesEveryFileOnceAndSharedFilesOnce) {
   Register(4, "Module4", "Mod4InLog", privateName_.c_str());
   Register(5, "Module5", "Mod5InLog", "stamp-other.systemlog");

@@ -111,7 +111,8 @@ void AgentRole::ShutDownPending() { shutdownPending = true; }
 void AgentRole::LocalAddLogMessage(tKesLoggerMessage* message, unsigned int size,
                                    unsigned int slot) {
   tKesAddLogMessage& record = message->addLog;
-  if (logFileArray[slot].IsNil()) AddLogFileEntry(slot, record.cardId, record.pid);
+  // A slot whose file name is refused is not forwarded either.
+  if (logFileArray[slot].IsNil() && !AddLogFileEntry(slot, record.cardId, record.pid)) return;
   // The Agent's own configuration decides what reaches the Master.
   const unsigned short admitted = logFileArray[slot]->severityFilter.Get().AsQrtSeverityForFilter();
   if (admitted < record.severity) return;

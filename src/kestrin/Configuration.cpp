@@ -13,12 +13,14 @@
 #include <memory>
 #include <string>
 
+#include "kestrin/AgentAccess.h"
 #include "kestrin/AlarmTaxonomy.h"
 #include "kestrin/AlarmUtils.h"
 #include "kestrin/DataFile.h"
 #include "kestrin/Globals.h"
 #include "kestrin/InternalLog.h"
 #include "kestrin/LogFile.h"
+#include "kestrin/LogFileNames.h"
 #include "kestrin/RegTable.h"
 #include "kestrin/TextForms.h"
 
@@ -303,9 +305,108 @@ void ReadSleepParameters(const DataFile& file) {
   SLEEP_TIME = sleepTime;
 }
 
-void ReadConfigSection(const DataFile& file, bool firstCall, FileDefaults* defaults) {
+// ---- Limits and the Master's peers -------------------------------------------
+
+constexpr int MIN_MAX_LOG_FILES = 16;
+constexpr int MAX_MAX_LOG_FILES = 65536;
+constexpr unsigned long MAX_AGENTS_LIMIT = 65535;
+constexpr unsigned long MAX_AGENT_IDLE_SECONDS = 86400;
+
+// A whole decimal number from `minimum` to `maximum` under `key`, reported
+// either way; false (after a warning naming `fallback`) when the key is
+// given but is no such number, and when it is absent.
+bool ReadBoundedNumber(const DataFile& file, const char* key, unsigned long minimum,
+                       unsigned long maximum, const char* fallback, unsigned long* value) {
+  const std::string text = file.GetTrimmedString(key);
+  if (text.empty()) return false;
+  const SectionReader reader{file, file.GetSectionName(), false};
+  unsigned long n = 0;
+  bool digits = text.size() <= 9;
+  for (char c : text) {
+    digits = digits && c >= '0' && c <= '9';
+    if (digits) n = n * 10 + static_cast<unsigned long>(c - '0');
+  }
+  if (!digits || n < minimum || n > maximum) {
+    Report(KES_SEVERITY_WARNING, [&] {
+      return std::string(key) + " of " + text + ReadFrom(reader) + " is not a number from " +
+             std::to_string(minimum) + " to " + std::to_string(maximum) + "; using " + fallback;
+    });
+    return false;
+  }
+  Report(KES_SEVERITY_DEBUG, [&] { return std::string(key) + " of " + text + ReadFrom(reader); });
+  *value = n;
+  return true;
+}
+
+void ReadMaxLogFiles(const DataFile& file) {
+  unsigned long limit = 0;
+  MaxLogFiles = ReadBoundedNumber(file, "MaxLogFiles", MIN_MAX_LOG_FILES, MAX_MAX_LOG_FILES,
+                                  "the default of 512", &limit)
+                    ? static_cast<int>(limit)
+                    : KES_DEFAULT_MAX_LOG_FILES;
+}
+
+void ReadListenAddress(const DataFile& file, AgentAccess* access) {
+  const std::string text = file.GetTrimmedString("ListenAddress");
+  if (text.empty()) return;
+  const SectionReader reader{file, file.GetSectionName(), false};
+  if (!ParseIPv4Address(text, &access->listenAddress)) {
+    Report(KES_SEVERITY_WARNING, [&] {
+      return "Invalid ListenAddress (" + text + ")" + ReadFrom(reader) +
+             "; listening on the Master's address";
+    });
+    return;
+  }
+  access->listenAddressSet = true;
+  Report(KES_SEVERITY_DEBUG, [&] { return "ListenAddress of " + text + ReadFrom(reader); });
+}
+
+// Entries that do not parse are reported and left out: a list that names
+// nobody valid lets nobody in, rather than everyone.
+void ReadAllowedAgents(const DataFile& file, AgentAccess* access) {
+  const std::string text = file.GetTrimmedString("AllowedAgents");
+  if (text.empty()) return;
+  const SectionReader reader{file, file.GetSectionName(), false};
+  access->restricted = true;
+  size_t start = 0;
+  for (;;) {
+    const size_t comma = text.find(',', start);
+    const std::string entry =
+        TrimWhiteSpace(text.substr(start, comma == std::string::npos ? comma : comma - start));
+    AddressBlock block;
+    if (ParseAddressBlock(entry, &block)) {
+      access->allowed.push_back(block);
+    } else {
+      Report(KES_SEVERITY_WARNING, [&] {
+        return "Invalid entry (" + entry + ") in AllowedAgents" + ReadFrom(reader) +
+               "; ignoring it";
+      });
+    }
+    if (comma == std::string::npos) break;
+    start = comma + 1;
+  }
+  Report(KES_SEVERITY_DEBUG, [&] { return "AllowedAgents of " + text + ReadFrom(reader); });
+}
+
+void ReadAgentAccess(const DataFile& file, AgentAccess* access) {
+  ReadListenAddress(file, access);
+  ReadAllowedAgents(file, access);
+  unsigned long value = 0;
+  if (ReadBoundedNumber(file, "MaxAgents", 1, MAX_AGENTS_LIMIT, "no limit", &value)) {
+    access->maxAgents = static_cast<unsigned int>(value);
+  }
+  if (ReadBoundedNumber(file, "AgentIdleTimeout", 1, MAX_AGENT_IDLE_SECONDS, "no time-out",
+                        &value)) {
+    access->idleTimeoutSeconds = value;
+  }
+}
+
+void ReadConfigSection(const DataFile& file, bool firstCall, FileDefaults* defaults,
+                       AgentAccess* access) {
   ReadRole(file, firstCall);
   ReadSleepParameters(file);
+  ReadMaxLogFiles(file);
+  ReadAgentAccess(file, access);
   // Out-of-range defaults are ignored, not clamped.
   const SectionReader reader{file, file.GetSectionName(), false};
   ReadFileSize(reader, &defaults->fileSize);
@@ -328,8 +429,11 @@ void Apply(Setting& setting, bool ok, const T& value) {
 // Applies a file section; a file no client has registered yet is created.
 void InitializeFileSection(const DataFile& file) {
   const std::string& section = file.GetSectionName();
-  LogFilePtr& entry = logFileMap[NormalizeLogFileName(section)];
-  if (entry.IsNil()) entry = LogFilePtr(new LogFile(section));
+  // A section whose name would lead outside the log directory is ignored
+  // (and reported) like a client's request for it.
+  LogFilePtr entry =
+      FindOrAddLogFile(NormalizeLogFileName(section), LogFileRequester::CONFIGURATION, nullptr);
+  if (entry.IsNil()) return;
   LogFile& logFile = *entry;
   const SectionReader reader{file, section, true};
 
@@ -348,14 +452,14 @@ void InitializeFileSection(const DataFile& file) {
 
 // Reads every section in file order; returns whether a "config" section
 // was among them.
-bool ReadSections(DataFile& file, bool firstCall, FileDefaults* defaults) {
+bool ReadSections(DataFile& file, bool firstCall, FileDefaults* defaults, AgentAccess* access) {
   bool foundConfig = false;
   while (file.NextSection()) {
     const std::string& name = file.GetSectionName();
     if (name.empty()) continue;
     if (name == CONFIG_SECTION) {
       foundConfig = true;
-      ReadConfigSection(file, firstCall, defaults);
+      ReadConfigSection(file, firstCall, defaults, access);
     } else {
       InitializeFileSection(file);
     }
@@ -368,6 +472,23 @@ void SetClassWideDefaults(const FileDefaults& defaults) {
   BackupCountSetting::SetDefault(defaults.backupCount);
   ZipBackupsSetting::SetDefault(defaults.zipBackups);
   LogFile::SeverityFilter::SetDefault(defaults.logLevel);
+}
+
+// The listening address is taken at start-up only: the Master listens
+// once. Every other setting applies to the connections that come next.
+void ApplyAgentAccess(AgentAccess access, bool firstCall) {
+  const AgentAccess current = GetAgentAccess();
+  if (!firstCall && (access.listenAddressSet != current.listenAddressSet ||
+                     access.listenAddress != current.listenAddress)) {
+    Report(KES_SEVERITY_WARNING, [] {
+      return std::string(
+          "ListenAddress read from configuration differs from the one in use; must restart "
+          "Kestrin to change it; ignoring the new address.");
+    });
+    access.listenAddressSet = current.listenAddressSet;
+    access.listenAddress = current.listenAddress;
+  }
+  SetAgentAccess(access);
 }
 
 void RollFilesOverOnStartUp() {
@@ -418,15 +539,20 @@ void read_private_config_file() {
   s_firstCall = false;
   FileDefaults defaults;
   SetAllFilesToUseDefaults();
+  // Settings a read does not find take their defaults again.
+  MaxLogFiles = KES_DEFAULT_MAX_LOG_FILES;
+  AgentAccess access;
 
   std::string reason;
   std::unique_ptr<DataFile> file = OpenConfigFile(&reason);
   if (file == nullptr) {
     ReportUnopenableConfigFile(reason);
+    ApplyAgentAccess(access, firstCall);
     return;
   }
-  const bool foundConfig = ReadSections(*file, firstCall, &defaults);
+  const bool foundConfig = ReadSections(*file, firstCall, &defaults, &access);
   SetClassWideDefaults(defaults);
+  ApplyAgentAccess(access, firstCall);
   if (firstCall) RollFilesOverOnStartUp();
   UpdateLogFiltersInSharedMemory();
   if (!foundConfig) {

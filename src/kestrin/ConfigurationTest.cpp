@@ -6,11 +6,13 @@
 #include <string>
 #include <vector>
 
+#include "kestrin/AgentAccess.h"
 #include "kestrin/AlarmTaxonomy.h"
 #include "kestrin/AlarmTestSupport.h"
 #include "kestrin/AlarmUtils.h"
 #include "kestrin/Configuration.h"
 #include "kestrin/Globals.h"
+#include "kestrin/LogFileNames.h"
 #include "kestrin/RegTable.h"
 #include "kestrin/TestTempDir.h"
 #include "osa/osa.h"
@@ -61,6 +63,9 @@ class Configuration : public OwnLogTest {
     SLEEP_TIME = 10;
     UsingDefaultPathnameOfConfigFile = true;
     logFileMap.clear();
+    ResetLogFileNamesForTesting();
+    SetAgentAccess(AgentAccess());
+    MaxLogFiles = KES_DEFAULT_MAX_LOG_FILES;
     path_ = dir_.PathOf("Kestrin.conf");
     PathnameOfConfigFile = path_;
   }
@@ -701,6 +706,103 @@ TEST_F(Configuration, SampleTaxonomyLoadsAndMapsItsExampleAlarm) {
   LED_States state;
   EXPECT_TRUE(LED_Controller::mapStateString(entry.LED2.c_str(), &colour, &state));
   AlarmMap.clear();
+}
+
+// ---- Limits and the Master's peers ---------------------------------------------
+
+TEST_F(Configuration, MaxLogFilesIsReadInItsRangeAndFallsBackToTheDefault) {
+  EXPECT_EQ(512, MaxLogFiles);
+  EXPECT_EQ(Lines{"DEBUG|-1|MaxLogFiles of 600 read from config section of configuration file"},
+            Containing(Read(std::string(QUIET_CONFIG) + "MaxLogFiles = 600\n"), "MaxLogFiles"));
+  EXPECT_EQ(600, MaxLogFiles);
+  EXPECT_EQ(Lines{"WARN|-1|MaxLogFiles of 15 read from config section of configuration file is "
+                  "not a number from 16 to 65536; using the default of 512"},
+            Containing(Read(std::string(QUIET_CONFIG) + "MaxLogFiles = 15\n"), "MaxLogFiles"));
+  EXPECT_EQ(512, MaxLogFiles);
+  Read(std::string(QUIET_CONFIG) + "MaxLogFiles = 65536\n");
+  EXPECT_EQ(65536, MaxLogFiles);
+  EXPECT_EQ(1u, Containing(Read(std::string(QUIET_CONFIG) + "MaxLogFiles = 1e3\n"),
+                           "is not a number from 16 to 65536")
+                    .size());
+  EXPECT_EQ(512, MaxLogFiles);
+  EXPECT_TRUE(Containing(Read(QUIET_CONFIG), "MaxLogFiles").empty());
+  EXPECT_EQ(512, MaxLogFiles) << "a read without the key takes the default again";
+}
+
+TEST_F(Configuration, AMasterIsOpenToEveryoneUntilConfiguredOtherwise) {
+  Read(QUIET_CONFIG);
+  const AgentAccess access = GetAgentAccess();
+  EXPECT_FALSE(access.listenAddressSet);
+  EXPECT_FALSE(access.restricted);
+  EXPECT_EQ(0u, access.maxAgents);
+  EXPECT_EQ(0u, access.idleTimeoutSeconds);
+}
+
+TEST_F(Configuration, AgentAccessKeysAreReadAndReported) {
+  const Lines lines = Read(std::string(QUIET_CONFIG) +
+                           "ListenAddress = 10.0.0.1\nAllowedAgents = 10.1.0.0/16, 10.2.3.4\n"
+                           "MaxAgents = 12\nAgentIdleTimeout = 300\n");
+  EXPECT_EQ((Lines{"DEBUG|-1|ListenAddress of 10.0.0.1 read from config section of configuration "
+                   "file",
+                   "DEBUG|-1|AllowedAgents of 10.1.0.0/16, 10.2.3.4 read from config section of "
+                   "configuration file",
+                   "DEBUG|-1|MaxAgents of 12 read from config section of configuration file",
+                   "DEBUG|-1|AgentIdleTimeout of 300 read from config section of configuration "
+                   "file"}),
+            ContainingAny(lines, {"ListenAddress", "AllowedAgents", "MaxAgents", "AgentIdle"}));
+  const AgentAccess access = GetAgentAccess();
+  EXPECT_TRUE(access.listenAddressSet);
+  EXPECT_EQ(0x0a000001u, access.listenAddress);
+  EXPECT_TRUE(access.restricted);
+  ASSERT_EQ(2u, access.allowed.size());
+  EXPECT_TRUE(access.Allows(0x0a01ffffu));
+  EXPECT_TRUE(access.Allows(0x0a020304u));
+  EXPECT_FALSE(access.Allows(0x0a020305u));
+  EXPECT_EQ(12u, access.maxAgents);
+  EXPECT_EQ(300u, access.idleTimeoutSeconds);
+}
+
+TEST_F(Configuration, BadAgentAccessValuesAreReportedAndNeverOpenTheMasterWider) {
+  const Lines lines = Read(std::string(QUIET_CONFIG) +
+                           "ListenAddress = 10.0.0.300\nAllowedAgents = 10.0.0.0/40\n"
+                           "MaxAgents = 0\nAgentIdleTimeout = forever\n");
+  EXPECT_EQ((Lines{"WARN|-1|Invalid ListenAddress (10.0.0.300) read from config section of "
+                   "configuration file; listening on the Master's address",
+                   "WARN|-1|Invalid entry (10.0.0.0/40) in AllowedAgents read from config section "
+                   "of configuration file; ignoring it",
+                   "DEBUG|-1|AllowedAgents of 10.0.0.0/40 read from config section of "
+                   "configuration file",
+                   "WARN|-1|MaxAgents of 0 read from config section of configuration file is not a "
+                   "number from 1 to 65535; using no limit",
+                   "WARN|-1|AgentIdleTimeout of forever read from config section of configuration "
+                   "file is not a number from 1 to 86400; using no time-out"}),
+            ContainingAny(lines, {"ListenAddress", "AllowedAgents", "MaxAgents", "AgentIdle"}));
+  const AgentAccess access = GetAgentAccess();
+  EXPECT_FALSE(access.listenAddressSet);
+  EXPECT_TRUE(access.restricted);
+  EXPECT_FALSE(access.Allows(0x0a000001u)) << "a list of nothing valid lets nobody in";
+  EXPECT_EQ(0u, access.maxAgents);
+  EXPECT_EQ(0u, access.idleTimeoutSeconds);
+}
+
+TEST_F(Configuration, AReReadKeepsTheListenAddressInUse) {
+  Read(std::string(QUIET_CONFIG) + "ListenAddress = 10.0.0.1\nMaxAgents = 3\n");
+  const Lines lines = Read(std::string(QUIET_CONFIG) + "ListenAddress = 10.0.0.2\nMaxAgents = 4\n");
+  EXPECT_EQ(Lines{"WARN|-1|ListenAddress read from configuration differs from the one in use; must "
+                  "restart Kestrin to change it; ignoring the new address."},
+            Containing(lines, "differs from the one in use"));
+  EXPECT_EQ(0x0a000001u, GetAgentAccess().listenAddress);
+  EXPECT_EQ(4u, GetAgentAccess().maxAgents) << "the other settings apply at once";
+}
+
+TEST_F(Configuration, FileSectionsLeadingOutsideAreRefusedAndIgnored) {
+  const Lines lines =
+      Read(std::string(QUIET_CONFIG) + "[../x.log]\nFileSize = 2048\n[good.log]\nFileSize = 2048\n");
+  EXPECT_EQ(Lines{"ERROR|7013|Refused log file name \"../x.log\": it leads outside the log "
+                  "directory"},
+            Containing(lines, "Refused"));
+  EXPECT_EQ(0u, logFileMap.count("../x.log"));
+  EXPECT_EQ(2048, File("good.log").maxFileSize.Get());
 }
 
 }  // namespace

@@ -24,6 +24,7 @@
 #include "kestrin/AlarmTaxonomy.h"
 #include "kestrin/Globals.h"
 #include "kestrin/LogFile.h"
+#include "kestrin/LogFileNames.h"
 #include "kestrin/OwnLogTestSupport.h"
 #include "kestrin/Records.h"
 #include "kestrin/RegTable.h"
@@ -81,6 +82,8 @@ class DaemonTest : public OwnLogTest {
     setenv("TZ", "UTC", 1);
     tzset();
     ResetFiles();
+    ResetLogFileNamesForTesting();
+    MaxLogFiles = KES_DEFAULT_MAX_LOG_FILES;
     systemlog = LogFilePtr(new LogFile("system.log"));
     systemlog->SetIsOperationalLog(true);
     alarmLog = LogFilePtr(new LogFile("alarms.systemlog"));

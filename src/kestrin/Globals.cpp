@@ -23,6 +23,7 @@ char Hostname[256] = "UnknownHost";
 RoleType KestrinsRoleType = ROLE_DEFAULT;
 std::atomic<int> MESSAGES_BEFORE_SLEEP{80};
 std::atomic<int> SLEEP_TIME{10};
+int MaxLogFiles = KES_DEFAULT_MAX_LOG_FILES;
 std::string ConfigDirectoryName = "/kv/etc/";
 std::string PathnameOfConfigFile;
 bool UsingDefaultPathnameOfConfigFile = true;

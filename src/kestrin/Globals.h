@@ -55,6 +55,11 @@ extern RoleType KestrinsRoleType;
 extern std::atomic<int> MESSAGES_BEFORE_SLEEP;
 extern std::atomic<int> SLEEP_TIME;
 
+// How many log files clients may make the daemon know in all ("MaxLogFiles"
+// of the configuration; 16 to 65536, default 512). Main thread.
+constexpr int KES_DEFAULT_MAX_LOG_FILES = 512;
+extern int MaxLogFiles;
+
 // Where the configuration comes from (command line, then defaults formed
 // from ConfigDirectoryName, which always ends in "/").
 extern std::string ConfigDirectoryName;

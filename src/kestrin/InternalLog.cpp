@@ -49,6 +49,9 @@ void SendLogRequestToMainThread(const ReportTime& t, unsigned short severity,
   time.tv_usec = t.microseconds;
   unsigned int size =
       FormatKesInternalLogRequestMessage(&message.internalLogRequest, time, severity, eventId, text);
+  // The queue is readable by every local process: no byte of this stack
+  // goes out unset (the constructor leaves the reserved field alone).
+  message.internalLogRequest.reserved = 0;
   memset(message.text + size, 0, KES_QUEUE_LENGTH_ALLOWANCE);
   // The result is deliberately not checked: there is nowhere left to report.
   osSysVQueueSend(sys5q, &message, KesQueueSendLength(size), 0);

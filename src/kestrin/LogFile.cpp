@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "kestrin/TextForms.h"
 #include "kestrin/Timestamp.h"
 #include "osa/osa.h"
 
@@ -25,6 +26,26 @@ constexpr char DROPPED_NOTE[] = "(Messages have been dropped.) ";
 // Lines up to this size are assembled on the stack; longer ones (long
 // internal reports) go through the stream's formatting.
 constexpr size_t PRIVATE_LINE_CAPACITY = 2048;
+
+// A client's text (null taken as empty) with its control bytes escaped, and
+// its length, measured once.
+class ClientText {
+ public:
+  explicit ClientText(const char* text) : text_(text == nullptr ? "" : text) {
+    length_ = strlen(text_);
+    if (!HasControlBytes(text_, length_)) return;
+    escaped_ = EscapeControlBytes(std::string(text_, length_));
+    text_ = escaped_.c_str();
+    length_ = escaped_.size();
+  }
+  const char* Text() const { return text_; }
+  size_t Length() const { return length_; }
+
+ private:
+  const char* text_;
+  size_t length_;
+  std::string escaped_;
+};
 
 void ReportThroughFoundationLogger(const std::string& text, unsigned long level) {
   Zor::RollingFile::GetLoggerMgr().GetLogger()->Log(text, level);
@@ -61,6 +82,9 @@ LogFile::LogFile(const char* fileName)
       rollOnStartUp(false),
       marker(false) {
   DoStaticInitializations();
+  // Whatever the name, the file and its backups stay inside the log
+  // directory: a link planted there is never followed.
+  SetContainingDirectory(s_logFileDirectory);
   SetPathName((s_logFileDirectory + name).c_str());
 }
 
@@ -158,8 +182,12 @@ bool LogPrivateMessage(const LogFilePtr& file, long seconds, long microseconds,
   char stamp[80];
   GetTimestampString(seconds, stamp, sizeof stamp);
   const char* severityWord = GetSeverityStringForDesignerLogs(qrtSeverity);
-  if (name == nullptr) name = "";
-  if (text == nullptr) text = "";
+  // What clients wrote never brings a line end or a field separator of its
+  // own; the daemon's own texts hold no control bytes and pass unchanged.
+  ClientText clientName(name);
+  ClientText clientText(text);
+  name = clientName.Text();
+  text = clientText.Text();
   const char* droppedNote = messagesDropped ? DROPPED_NOTE : "";
   // Every client request passes here, so the line is assembled by hand
   // rather than through printf; the bytes are those of KES_PRIVATE_LINE_FORMAT.
@@ -170,12 +198,12 @@ bool LogPrivateMessage(const LogFilePtr& file, long seconds, long microseconds,
   builder.Append(" [");
   builder.Append(severityWord);
   builder.Append("] {");
-  builder.Append(name);
+  builder.Append(name, clientName.Length());
   builder.Append("} (");
   builder.AppendDecimal(eventId, 0);
   builder.Append(") - ");
   builder.Append(droppedNote);
-  builder.Append(text);
+  builder.Append(text, clientText.Length());
   builder.Append("\n");
   int written = 0;
   if (!builder.Overflowed()) {

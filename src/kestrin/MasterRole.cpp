@@ -63,16 +63,73 @@ class MessageReceivedCleanUp {
   }
 };
 
+// The address to listen on: the configured ListenAddress with MastersPort,
+// else the Master's own address.
+tOsTCPSocketAddress ListeningAddress(const tOsTCPSocketAddress& mastersAddress) {
+  const AgentAccess access = GetAgentAccess();
+  if (!access.listenAddressSet) return mastersAddress;
+  return tOsTCPSocketAddress{access.listenAddress, MastersPort};
+}
+
+std::string AddressText(const tOsTCPSocketAddress& address) {
+  char text[64];
+  if (osTCPAddressToString(&address, text, sizeof text) != OS_OK) return std::string();
+  return text;
+}
+
+void RaiseOn(std::unique_ptr<ThrottledEventPoint>& point, const std::string& message) {
+  if (!point) {
+    point.reset(new ThrottledEventPoint(KES_SEVERITY_ERROR, EventId_InvalidMessageReceived));
+  }
+  point->Raise(message);
+}
+
 }  // namespace
 
 // ---- MasterRole -------------------------------------------------------------
 
 MasterRole::MasterRole(const tOsTCPSocketAddress& mastersAddress, const std::string& cardName)
     : cardName(cardName),
-      serverSocketManager(this, mastersAddress),
-      addressIsUsable(mastersAddress.port != 0 || mastersAddress.ipAddress != 0),
+      serverSocketManager(this, ListeningAddress(mastersAddress)),
+      addressIsUsable(ListeningAddress(mastersAddress).port != 0 ||
+                      ListeningAddress(mastersAddress).ipAddress != 0),
       selectThread(*this) {
   serverSocketManager.SetReceivedDataShouldIncludeHeader(true);
+  refreshAccess();
+}
+
+void MasterRole::refreshAccess() {
+  const uint64_t generation = GetAgentAccessGeneration();
+  if (generation == accessGeneration) return;
+  accessGeneration = generation;
+  access = GetAgentAccess();
+  serverSocketManager.SetMaximumNumberOfClients(access.maxAgents);
+  serverSocketManager.SetIdleTimeout(access.idleTimeoutSeconds * 1000);
+}
+
+bool MasterRole::AdmitClient(ServerSocketManager& /*manager*/, const tOsTCPSocketAddress& farEnd) {
+  refreshAccess();
+  return access.Allows(farEnd.ipAddress);
+}
+
+void MasterRole::ClientRefused(ServerSocketManager& /*manager*/, const tOsTCPSocketAddress& farEnd,
+                               Zor::Sockets::ClientRefusal reason) {
+  ++refusedConnections;
+  if (reason == Zor::Sockets::ClientRefusal::NOT_ADMITTED) {
+    RaiseOn(notAllowed,
+            "Refused a connection from " + AddressText(farEnd) + ": not among AllowedAgents");
+  } else {
+    RaiseOn(noDescriptors,
+            "Refused a connection from " + AddressText(farEnd) + ": no file descriptor left");
+  }
+}
+
+void MasterRole::ClientIdle(ServerSocketManager& /*manager*/, SocketHandle handle) {
+  ++idleConnectionsClosed;
+  auto found = agents.find(handle);
+  const std::string address = found == agents.end() ? std::string() : found->second.address;
+  RaiseOn(idle, "Closed the connection from " + address + ": silent for " +
+                    std::to_string(access.idleTimeoutSeconds) + " seconds");
 }
 
 MasterRole::~MasterRole() {
@@ -215,8 +272,9 @@ bool MasterRole::SelectThread::InitializeServerSocketManager() {
 }
 
 void MasterRole::SelectThread::RunSelectLoop() {
-  while (role.serverSocketManager.Select()) {
-  }
+  do {
+    role.refreshAccess();
+  } while (role.serverSocketManager.Select());
   if (!role.shuttingDown && !role.fatalErrorOccurred) {
     LogKestrinMessage(KES_SEVERITY_WARNING, "MasterRole select thread terminating unexpectedly.",
                       NO_EVENT_ID);
@@ -323,6 +381,7 @@ void MasterRole::SelectThread::handleUnregisteredAddLog(SocketHandle handle, voi
     line << "From agent: " << record;
     LogKestrinMessage(KES_SEVERITY_DEBUG, line.str(), NO_EVENT_ID);
   }
+  if (!admitLogFileName(record)) return;
   int newHandle = -1;
   int result = QrtDiagRegisterModule(
       record.stringArea + record.moduleNameOffset, record.stringArea + record.moduleNameInLogOffset,
@@ -336,6 +395,13 @@ void MasterRole::SelectThread::handleUnregisteredAddLog(SocketHandle handle, voi
   }
   sendRegHandleToAgent(handle, newHandle, record);
   enqueueAddLog(newHandle, record);
+}
+
+// A name the main loop would refuse is refused here already, so that it
+// never takes a registration slot; the main loop checks again all the same.
+bool MasterRole::SelectThread::admitLogFileName(const tKesUnregAddLogMessage& record) {
+  if (!names) names.reset(new NameGuard);
+  return names->Admit(NormalizeLogFileName(record.stringArea + record.logFileNameOffset));
 }
 
 void MasterRole::SelectThread::sendRegHandleToAgent(SocketHandle handle, int32_t newHandle,

@@ -10,6 +10,12 @@
 // Agent's client with the client library, tells the Agent the handle in a
 // RegHandle record, and queues the request as an ordinary add-log.
 //
+// Hardening, off unless configured (AgentAccess.h): the listening address,
+// the addresses allowed to connect, the number of connections and the time
+// a connection may stay silent. Refused and idle connections are counted
+// and reported through throttled events; running out of descriptors
+// refuses the connection and never ends the Master.
+//
 // Threads: the main thread makes, starts and shuts down the role and runs
 // the local handlers. The select thread (SelectThread) runs the manager's
 // Select loop; every manager callback, and so the agents map and the event
@@ -26,6 +32,8 @@
 #include <memory>
 #include <string>
 
+#include "kestrin/AgentAccess.h"
+#include "kestrin/LogFileNames.h"
 #include "kestrin/Role.h"
 #include "osa/osa.h"
 #include "zor/NonCopyable.h"
@@ -95,6 +103,8 @@ class MasterRole : public MainCardRole,
     void sendRegHandleToAgent(Zor::Sockets::SocketHandle handle, int32_t newHandle,
                               const tKesUnregAddLogMessage& record);
     void enqueueAddLog(int32_t newHandle, const tKesUnregAddLogMessage& record);
+    // Whether the log file an Agent's client names may be registered.
+    bool admitLogFileName(const tKesUnregAddLogMessage& record);
     // Raises `text` through `point`, made with (1, 7013) on first use.
     void raise(std::unique_ptr<ThrottledEventPoint>& point, const std::string& text);
 
@@ -109,10 +119,15 @@ class MasterRole : public MainCardRole,
     std::unique_ptr<ThrottledEventPoint> invalidUnregAddLog;
     std::unique_ptr<ThrottledEventPoint> invalidType;
     std::unique_ptr<ThrottledEventPoint> queueFailure;
+    // Log-file names refused on the select thread (it has its own memory).
+    std::unique_ptr<NameGuard> names;
+
+    friend class MasterRole;
   };
 
   // Listens on `mastersAddress` (port and address both zero: not usable, so
-  // every listening attempt is skipped until the time-out).
+  // every listening attempt is skipped until the time-out), or on the
+  // configured ListenAddress with MastersPort.
   MasterRole(const tOsTCPSocketAddress& mastersAddress, const std::string& cardName);
   ~MasterRole() override;
 
@@ -133,18 +148,41 @@ class MasterRole : public MainCardRole,
   void SelectError(Zor::Sockets::ServerSocketManager& manager) override;
   void AcceptError(Zor::Sockets::ServerSocketManager& manager) override;
   void TooManySocketErrors(Zor::Sockets::ServerSocketManager& manager) override;
+  bool AdmitClient(Zor::Sockets::ServerSocketManager& manager,
+                   const tOsTCPSocketAddress& farEnd) override;
+  void ClientRefused(Zor::Sockets::ServerSocketManager& manager, const tOsTCPSocketAddress& farEnd,
+                     Zor::Sockets::ClientRefusal reason) override;
+  void ClientIdle(Zor::Sockets::ServerSocketManager& manager,
+                  Zor::Sockets::SocketHandle handle) override;
 
   const std::string& CardName() const { return cardName; }
   bool SelectThreadHasStopped() const { return selectThread.HasStopped(); }
+  // Connections refused (not allowed, or no descriptor left) and closed for
+  // silence since start-up. Any thread.
+  uint64_t RefusedConnections() const { return refusedConnections.load(); }
+  uint64_t IdleConnectionsClosed() const { return idleConnectionsClosed.load(); }
 
  private:
   std::string cardName;
   Zor::Sockets::ServerSocketManager serverSocketManager;
   bool addressIsUsable;
   SelectThread selectThread;
+  // Takes the configured access settings again when they have changed.
+  void refreshAccess();
+
   std::map<Zor::Sockets::SocketHandle, AgentData> agents;  // select thread only
   std::atomic<bool> shuttingDown{false};
   std::atomic<bool> fatalErrorOccurred{false};
+  // The access settings in force and their generation; select thread only
+  // once the thread runs.
+  AgentAccess access;
+  uint64_t accessGeneration = UINT64_MAX;  // none read yet
+  std::atomic<uint64_t> refusedConnections{0};
+  std::atomic<uint64_t> idleConnectionsClosed{0};
+  // Select thread only, each made on first use.
+  std::unique_ptr<ThrottledEventPoint> notAllowed;
+  std::unique_ptr<ThrottledEventPoint> noDescriptors;
+  std::unique_ptr<ThrottledEventPoint> idle;
 };
 
 }  // namespace kestrin

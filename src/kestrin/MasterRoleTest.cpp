@@ -278,11 +278,14 @@ TEST_F(MasterRoleTest, UnregisteredAddLogIsTracedWhenNonAddLogTracingIsOn) {
 TEST_F(MasterRoleTest, RegistrationFailureIsLoggedAndTheRequestDropped) {
   StartServing();
   unsigned int size = 0;
-  // The client library refuses an empty log file name.
-  const tKesUnregAddLogMessage record = UnregRecord("m", "M", "", "lost", &size);
+  // The client library finds no free slot in a full table.
+  for (unsigned int slot = 1; slot < KES_REG_TABLE_SLOTS; ++slot) {
+    Register(slot, "filler", "Filler", ("filler" + std::to_string(slot) + ".log").c_str());
+  }
+  const tKesUnregAddLogMessage record = UnregRecord("m", "M", "m.log", "lost", &size);
   ASSERT_TRUE(agent_.Send(UnregFrame(record, size)));
   EXPECT_TRUE(WaitForReport("1|Error handling UnregAddLog: Error " +
-                            std::to_string(QRT_ERROR_INVALID_PARAMETER) +
+                            std::to_string(QRT_ERROR_TABLE_FULL) +
                             " trying to register for logging"));
   EXPECT_EQ("", agent_.ReadFrame(200));
   EXPECT_TRUE(records_.empty());

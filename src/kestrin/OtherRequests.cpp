@@ -7,6 +7,7 @@
 #include "kestrin/Globals.h"
 #include "kestrin/InternalLog.h"
 #include "kestrin/LogFile.h"
+#include "kestrin/LogFileNames.h"
 
 namespace kestrin {
 
@@ -17,13 +18,12 @@ bool Reporting() { return OwnLogAdmits(KES_SEVERITY_INFO); }
 
 void ReportInfo(const std::string& text) { LogKestrinMessage(KES_SEVERITY_INFO, text, -1); }
 
-// The map's file of `name`, created (and announced) when there is none.
+// The map's file of `name`, created (and announced) when there is none; nil
+// when the name is refused or no more files may be added (reported there).
 LogFilePtr FindOrCreateLogFile(const std::string& name) {
-  auto found = logFileMap.find(name);
-  if (found != logFileMap.end()) return found->second;
-  LogFilePtr file(new LogFile(name));
-  logFileMap[name] = file;
-  if (Reporting()) {
+  bool created = false;
+  LogFilePtr file = FindOrAddLogFile(name, LogFileRequester::CLIENT, &created);
+  if (created && Reporting()) {
     ReportInfo("Creating object for file " + name + " in response to LogFileSizeMessage");
   }
   return file;
@@ -73,9 +73,17 @@ void SetMaximumSize(const LogFilePtr& file, const std::string& name, uint32_t ki
 void process_set_log_file_size_message(const tKesLogFileSizeMessage* message) {
   const std::string name = NormalizeLogFileName(
       std::string(message->fileName, strnlen(message->fileName, sizeof message->fileName)));
-  LogFilePtr file = FindOrCreateLogFile(name);
   const uint32_t value = message->sizeOrCount;
-  if ((value & KES_LOG_FILE_SIZE_COUNT_BIT) != 0) {
+  const bool backups = (value & KES_LOG_FILE_SIZE_COUNT_BIT) != 0;
+  // The daemon's own files belong to the operator: a client must not be
+  // able to shrink them or erase their history.
+  if (IsDaemonsOwnFile(name)) {
+    ReportOwnFileRequestRefused(name, backups ? "backup count" : "maximum size");
+    return;
+  }
+  LogFilePtr file = FindOrCreateLogFile(name);
+  if (file.IsNil()) return;
+  if (backups) {
     SetBackupCount(file, name, value & ~KES_LOG_FILE_SIZE_COUNT_BIT);
   } else {
     SetMaximumSize(file, name, value);

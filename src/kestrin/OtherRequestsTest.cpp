@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "kestrin/Globals.h"
+#include "kestrin/LogFileNames.h"
 #include "kestrin/OtherRequests.h"
 #include "kestrin/OwnLogTestSupport.h"
 
@@ -29,6 +30,7 @@ class OtherRequests : public OwnLogTest {
  protected:
   void SetUp() override {
     OwnLogTest::SetUp();
+    ResetLogFileNamesForTesting();
     logFileMap.clear();
     file_ = LogFilePtr(new LogFile("sized.log"));
     logFileMap["sized.log"] = file_;
@@ -164,6 +166,33 @@ TEST_F(OtherRequests, DeregisterAndCoreRegistrationDoNothing) {
   process_core_registration(&core);
   EXPECT_TRUE(own.Texts().empty());
   EXPECT_EQ(1u, logFileMap.size());
+}
+
+TEST_F(OtherRequests, NamesLeadingOutsideAreRefusedAndNothingIsCreated) {
+  EXPECT_EQ(Texts({"Refused log file name \"../x.log\": it leads outside the log directory"}),
+            Apply("../x.log", 1));
+  EXPECT_EQ(Texts(), Apply("/../x.log", COUNT | 0)) << "reported once per name";
+  EXPECT_EQ(0u, logFileMap.count("../x.log"));
+  EXPECT_EQ(1u, logFileMap.size());
+}
+
+TEST_F(OtherRequests, TheDaemonsOwnFilesAreRefusedAndKeepTheirSettings) {
+  const LogFilePtr saved = systemlog;
+  systemlog = LogFilePtr(new LogFile("system.log"));
+  systemlog->backupCount.Set(9);
+  logFileMap["system.log"] = systemlog;
+  EXPECT_EQ(Texts({"Refused request to change the backup count of \"system.log\": the daemon's "
+                   "own files take their settings from Kestrin.conf only"}),
+            Apply("system.log", COUNT | 0));
+  EXPECT_EQ(9u, systemlog->backupCount.Get());
+  EXPECT_EQ(Texts({"Refused request to change the maximum size of \"" + logger->GetName() +
+                   "\": the daemon's own files take their settings from Kestrin.conf only"}),
+            Apply(logger->GetName().c_str(), 1));
+  EXPECT_EQ(Texts({"Refused request to change the maximum size of \"faultrecords.jsonl\": the "
+                   "daemon's own files take their settings from Kestrin.conf only"}),
+            Apply("faultrecords.jsonl", 1));
+  EXPECT_EQ(0u, logFileMap.count("faultrecords.jsonl"));
+  systemlog = saved;
 }
 
 }  // namespace

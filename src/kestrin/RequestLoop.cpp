@@ -264,7 +264,9 @@ int Receive(long* textSize) {
 }
 
 // A receive that gave no record. An interrupted wait is a warning; any
-// other failure (a record too large for the buffer among them) an event.
+// other failure an event. A record too large for the buffer would stay at
+// the head of the queue and fail every receive after it (and every restart)
+// until the daemon gave up: it is taken off and dropped, once.
 void ReportReceiveFailure(int result, long textSize) {
   const int callResult = result == OS_OK ? static_cast<int>(textSize) : FAILED_CALL_RESULT;
   const int error = osGetSpecificErrorCode(result);
@@ -274,9 +276,14 @@ void ReportReceiveFailure(int result, long textSize) {
                       NO_EVENT_ID);
     return;
   }
-  RaiseEvent(
-      s_errorReadingQueue, EventId_ErrorReadingQueue,
-      "run(): msgrcv returned " + std::to_string(callResult) + ", error " + std::to_string(error));
+  std::string text =
+      "run(): msgrcv returned " + std::to_string(callResult) + ", error " + std::to_string(error);
+  long oversized = 0;
+  if (error == E2BIG && osSysVQueueDiscardFirst(sys5q, &oversized) == OS_OK) {
+    text += "; a message of " + std::to_string(oversized) +
+            " bytes was taken off the queue and dropped";
+  }
+  RaiseEvent(s_errorReadingQueue, EventId_ErrorReadingQueue, text);
 }
 
 void ReloadOnHup() {

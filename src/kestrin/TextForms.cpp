@@ -1,5 +1,7 @@
 #include "kestrin/TextForms.h"
 
+#include <cstring>
+
 namespace kestrin {
 
 namespace {
@@ -63,6 +65,70 @@ const char* LoggingDestinationAsString(unsigned char destination) {
   bool event = (destination & (LOGGING_DESTINATION_EVENT_1 | LOGGING_DESTINATION_EVENT_2)) != 0;
   if (registered) return event ? "Ev|Reg" : "Reg";
   return event ? "Ev" : "None";
+}
+
+namespace {
+
+// Every client line is scanned, so sixteen bytes are compared at once with
+// the compiler's vector extension (a few vector instructions on the
+// machines we run on; plain code where there are none). The marks of all
+// blocks are gathered and looked at once at the end: control bytes are rare.
+typedef unsigned char Block __attribute__((vector_size(16)));
+
+Block Marks(const char* bytes) {
+  Block block;
+  memcpy(&block, bytes, sizeof block);
+  return reinterpret_cast<Block>((block < 0x20) | (block == 0x7f));
+}
+
+}  // namespace
+
+bool HasControlBytes(const char* text, size_t length) {
+  Block marks = {};
+  if (length < sizeof(Block)) {
+    // A short text is padded with a harmless byte to one block.
+    char padded[sizeof(Block)];
+    memset(padded, 'a', sizeof padded);
+    memcpy(padded, text, length);
+    marks = Marks(padded);
+  } else {
+    size_t i = 0;
+    for (; i + sizeof(Block) <= length; i += sizeof(Block)) marks |= Marks(text + i);
+    // The last block overlaps the one before: a predicate does not mind.
+    if (i < length) marks |= Marks(text + length - sizeof(Block));
+  }
+  uint64_t halves[2];
+  static_assert(sizeof marks == sizeof halves, "sixteen marks");
+  memcpy(halves, &marks, sizeof halves);
+  return (halves[0] | halves[1]) != 0;
+}
+
+bool HasControlBytes(const char* text) {
+  return text != nullptr && HasControlBytes(text, strlen(text));
+}
+
+bool HasControlBytes(const std::string& text) { return HasControlBytes(text.data(), text.size()); }
+
+std::string EscapeControlBytes(const std::string& text) {
+  std::string escaped;
+  escaped.reserve(text.size() + 8);
+  for (unsigned char c : text) {
+    if (c >= 0x20 && c != 0x7f) {
+      escaped += static_cast<char>(c);
+      continue;
+    }
+    escaped += '#';
+    escaped += static_cast<char>('0' + (c >> 6));
+    escaped += static_cast<char>('0' + ((c >> 3) & 7));
+    escaped += static_cast<char>('0' + (c & 7));
+  }
+  return escaped;
+}
+
+const char* WithControlBytesEscaped(const char* text, std::string* storage) {
+  if (!HasControlBytes(text)) return text;
+  *storage = EscapeControlBytes(text);
+  return storage->c_str();
 }
 
 }  // namespace kestrin

@@ -62,6 +62,25 @@ uint32_t GetEventClassFromString(const char* word);
 // the three is (other bits are ignored). Returns a static string.
 const char* LoggingDestinationAsString(unsigned char destination);
 
+// Control bytes in what clients write. A byte below 0x20 (tab and line end
+// included) or 0x7F would let a client's text start a line or a field of its
+// own choosing in a log file; it is written as "#" and its three octal
+// digits instead ("\n" becomes "#012"), the escaping syslog daemons use.
+
+// Whether `text` (may be null) holds such a byte.
+bool HasControlBytes(const char* text);
+bool HasControlBytes(const std::string& text);
+// The same for `length` bytes at `text`.
+bool HasControlBytes(const char* text, size_t length);
+
+// `text` with every such byte escaped.
+std::string EscapeControlBytes(const std::string& text);
+
+// `text` itself when it holds no such byte (the common case costs one scan
+// and no copy), else its escaped form kept in `*storage`. A null `text` is
+// returned as it is.
+const char* WithControlBytesEscaped(const char* text, std::string* storage);
+
 }  // namespace kestrin
 
 #endif  // KESTRIN_KESTRIN_TEXT_FORMS_H_

@@ -128,5 +128,39 @@ TEST(LoggingDestination, NoneOfTheThreeBitsGivesNone) {
   EXPECT_STREQ("None", LoggingDestinationAsString(0xF8));
 }
 
+TEST(ControlBytes, AreWrittenAsHashAndThreeOctalDigits) {
+  EXPECT_EQ("ok#012<error>#011forged", EscapeControlBytes("ok\n<error>\tforged"));
+  EXPECT_EQ("#033[2J#177#000#001#037 ~",
+            EscapeControlBytes(std::string("\x1b[2J\x7f\0\x01\x1f ~", 10)));
+  EXPECT_EQ("caf\xc3\xa9", EscapeControlBytes("caf\xc3\xa9")) << "UTF-8 stays as it is";
+}
+
+TEST(ControlBytes, CleanTextIsHandedBackWithoutACopy) {
+  std::string storage = "untouched";
+  const char* text = "a clean line";
+  EXPECT_EQ(text, WithControlBytesEscaped(text, &storage));
+  EXPECT_EQ("untouched", storage);
+  EXPECT_EQ(nullptr, WithControlBytesEscaped(nullptr, &storage));
+  EXPECT_STREQ("a#015b", WithControlBytesEscaped("a\rb", &storage));
+  EXPECT_FALSE(HasControlBytes("plain text"));
+  EXPECT_TRUE(HasControlBytes(std::string("nul\0inside", 10)));
+  EXPECT_FALSE(HasControlBytes(static_cast<const char*>(nullptr)));
+}
+
+TEST(ControlBytes, EveryByteValueIsJudgedRightAtEveryPlaceOfAWord) {
+  for (int value = 0; value < 256; ++value) {
+    const bool control = value < 0x20 || value == 0x7f;
+    for (size_t place = 0; place < 19; ++place) {
+      std::string text(19, 'a');
+      text[place] = static_cast<char>(value);
+      ASSERT_EQ(control, HasControlBytes(text)) << value << " at " << place;
+      // Bytes above 0x7F next to it must not make it look like one.
+      text.assign(19, '\xff');
+      text[place] = static_cast<char>(value);
+      ASSERT_EQ(control, HasControlBytes(text)) << value << " among 0xFF at " << place;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace kestrin

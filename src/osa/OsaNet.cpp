@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -48,6 +49,40 @@ int set_int_option(long socket, int level, int option, int value) {
 int set_buffer_size(long socket, int option, long size) {
   if (size < 0 || size > INT_MAX) return OS_ERROR_INVALID_PARAMETER;
   return set_int_option(socket, SOL_SOCKET, option, static_cast<int>(size));
+}
+
+// One descriptor held in reserve by every process that listens. When the
+// process has run out of descriptors, a pending connection would keep the
+// listening socket readable for ever: the reserve is given up for a moment
+// so that the connection can be accepted and closed at once (refused), and
+// taken again. -1 while not held. Guarded by g_reserveLock.
+pthread_mutex_t g_reserveLock = PTHREAD_MUTEX_INITIALIZER;
+int g_reserve = -1;
+
+void reserve_descriptor() {
+  pthread_mutex_lock(&g_reserveLock);
+  if (g_reserve < 0) g_reserve = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  pthread_mutex_unlock(&g_reserveLock);
+}
+
+// Accepts and closes one pending connection on `listener` with the reserve's
+// help. The result of that accept: OS_OK (refused, `raw` names the peer),
+// OS_ERROR_WOULD_BLOCK (nothing was pending: the kernel reports a lack of
+// descriptors before it looks at the queue), OS_ERROR_NO_DESCRIPTORS when
+// there was no reserve, or another socket error.
+int refuse_with_reserve(int listener, struct sockaddr_in* raw) {
+  pthread_mutex_lock(&g_reserveLock);
+  int result = OS_ERROR_NO_DESCRIPTORS;
+  if (g_reserve >= 0) {
+    close(g_reserve);
+    socklen_t length = sizeof *raw;
+    int fd = accept4(listener, reinterpret_cast<struct sockaddr*>(raw), &length, SOCK_CLOEXEC);
+    result = fd >= 0 ? OS_OK : socket_error(errno);
+    if (fd >= 0) close(fd);
+    g_reserve = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  }
+  pthread_mutex_unlock(&g_reserveLock);
+  return result;
 }
 
 }  // namespace
@@ -119,6 +154,7 @@ int osTCPBind(long socket, const tOsTCPSocketAddress* address) {
 int osTCPListen(long socket, int backlog) {
   if (!valid_socket(socket)) return OS_ERROR_BAD_SOCKET;
   if (listen(static_cast<int>(socket), backlog) != 0) return socket_error(errno);
+  reserve_descriptor();
   return OS_OK;
 }
 
@@ -134,6 +170,14 @@ int osTCPAccept(long socket, long* newSocket, tOsTCPSocketAddress* farEnd) {
   socklen_t length = sizeof raw;
   int fd = accept4(static_cast<int>(socket), reinterpret_cast<struct sockaddr*>(&raw), &length,
                    SOCK_CLOEXEC);
+  if (fd < 0 && (errno == EMFILE || errno == ENFILE)) {
+    const int refused = refuse_with_reserve(static_cast<int>(socket), &raw);
+    if (refused != OS_OK && refused != OS_ERROR_NO_DESCRIPTORS) return refused;
+    if (farEnd != nullptr) {
+      *farEnd = refused == OS_OK ? from_sockaddr(raw) : tOsTCPSocketAddress{0, 0};
+    }
+    return OS_ERROR_NO_DESCRIPTORS;
+  }
   if (fd < 0) return socket_error(errno);
   *newSocket = fd;
   if (farEnd != nullptr) *farEnd = from_sockaddr(raw);

@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "osa/OsaTestSupport.h"
 #include "osa/osa.h"
 
 namespace {
@@ -94,6 +95,39 @@ TEST(OsaTCP, AcceptWithNothingPendingWouldBlock) {
   long accepted = 99;
   EXPECT_EQ(OS_ERROR_WOULD_BLOCK, osTCPAccept(loop.listener, &accepted, nullptr));
   EXPECT_EQ(99, accepted);
+}
+
+// In a child, whose descriptor limit the test may lower: a pending
+// connection when no descriptor is left is refused with the reserve's help
+// (the peer sees it closed), and with nothing pending the accept would block.
+int refuse_without_descriptors(void*) {
+  long listener = -1;
+  if (osTCPSocket(OS_SOCK_STREAM, OS_IPPROTO_TCP, &listener) != OS_OK) return 1;
+  tOsTCPSocketAddress address{LOOPBACK, 0};
+  if (osTCPBind(listener, &address) != OS_OK || osTCPListen(listener, 6) != OS_OK) return 2;
+  osTCPSetNonBlocking(listener, 1);
+  osTCPGetLocalAddress(listener, &address);
+  long client = -1;
+  osTCPSocket(OS_SOCK_STREAM, OS_IPPROTO_TCP, &client);
+  if (osTCPConnect(client, &address) != OS_OK) return 3;
+  tOsTCPSocketAddress mine{0, 0};
+  osTCPGetLocalAddress(client, &mine);
+  while (dup(0) >= 0) {  // every descriptor taken (the child has its own table)
+  }
+  long accepted = -1;
+  tOsTCPSocketAddress farEnd{0, 0};
+  if (osTCPAccept(listener, &accepted, &farEnd) != OS_ERROR_NO_DESCRIPTORS) return 4;
+  if (accepted != -1 || farEnd.ipAddress != LOOPBACK || farEnd.port != mine.port) return 5;
+  char byte = 0;
+  int count = -1;
+  if (osTCPRecv(client, &byte, 1, 0, &count) != OS_OK || count != 0) return 6;  // closed
+  if (osTCPAccept(listener, &accepted, &farEnd) != OS_ERROR_WOULD_BLOCK) return 7;
+  return 0;
+}
+
+TEST(OsaTCP, AConnectionWithNoDescriptorLeftIsRefusedNotLeftPending) {
+  osa_test::Child child(refuse_without_descriptors, nullptr, false);
+  EXPECT_EQ(0, child.Result());
 }
 
 TEST(OsaTCP, EmptyNonBlockingReceiveWouldBlock) {

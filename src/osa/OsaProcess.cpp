@@ -51,18 +51,19 @@ std::string lock_directory() {
 // Opens the lock file, telling whether this call created it.
 int open_lock_file(const std::string& path, bool* created) {
   for (int attempt = 0; attempt < 100; ++attempt) {
-    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    // Only the owner may write the file; others open it read-only, which is
+    // enough for flock. A link planted under the lock file's name (in /tmp,
+    // say) is never followed.
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd >= 0) {
-      // Lock files are shared between users (sudo and not): umask must not
-      // take write permission away from the others.
-      fchmod(fd, 0666);
+      fchmod(fd, 0644);  // whatever the umask
       *created = true;
       return fd;
     }
     if (errno == EINTR) continue;
     if (errno != EEXIST) return -errno;
-    fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0 && errno == EACCES) fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    fd = open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0 && errno == EACCES) fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd >= 0) {
       *created = false;
       return fd;

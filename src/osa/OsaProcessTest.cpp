@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -231,6 +232,32 @@ TEST(OsaGetProcessState, LeftoverLockFileIsReclaimed) {
   ASSERT_GE(fd, 0);
   close(fd);
   EXPECT_EQ(OS_PROCESS_STATE_RECLAIMED, state_of(name.Get()));
+}
+
+TEST(OsaGetProcessState, LockFileIsWritableByItsOwnerOnly) {
+  ClaimName name("OsaMode");
+  const mode_t old = umask(0);
+  EXPECT_EQ(OS_PROCESS_STATE_NEW, state_of(name.Get()));
+  umask(old);
+  struct stat info;
+  ASSERT_EQ(0, lstat(osa_internal::process_state_lock_path(name.Get()).c_str(), &info));
+  EXPECT_EQ(0644u, info.st_mode & 07777);
+}
+
+TEST(OsaGetProcessState, LinkUnderTheLockFilesNameIsNeverFollowed) {
+  ClaimName name("OsaLink");
+  const std::string path = osa_internal::process_state_lock_path(name.Get());
+  const std::string target = path + ".target";
+  ASSERT_EQ(0, symlink(target.c_str(), path.c_str()));
+  int state = -1;
+  EXPECT_NE(OS_OK, osGetProcessState(name.Get(), &state));
+  struct stat info;
+  EXPECT_NE(0, lstat(target.c_str(), &info)) << "the link's target was created";
+  int fd = open(target.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  EXPECT_NE(OS_OK, osGetProcessState(name.Get(), &state)) << "an existing target is not locked";
+  unlink(target.c_str());
 }
 
 TEST(OsaGetProcessState, DistinctRootsDoNotExcludeEachOther) {

@@ -24,6 +24,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <stdio.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -45,6 +46,7 @@ enum {
   OS_ERROR_NO_SPACE = 16,        /* the device is full */
   OS_ERROR_NOT_DIRECTORY = 17,
   OS_ERROR_IS_DIRECTORY = 18,
+  OS_ERROR_OUTSIDE_DIRECTORY = 19, /* the path would leave its directory */
 
   OS_ERROR_SOCKET = 300, /* socket failure with no closer code */
   OS_ERROR_CONN_REFUSED = 301,
@@ -62,6 +64,7 @@ enum {
   OS_ERROR_NOT_CONNECTED = 313, /* peer gone: not connected */
   OS_ERROR_HOST_NOT_FOUND = 314,
   OS_ERROR_RETRY = 317,       /* interrupted or try again: repeat the call */
+  OS_ERROR_NO_DESCRIPTORS = 319, /* accept: the process has no descriptor left */
   OS_ERROR_SELECT_RETRY = 325 /* select interrupted: repeat the call */
 };
 
@@ -198,6 +201,37 @@ int osDeleteFile(const char* path);
  * either does not. */
 int osMoveFile(const char* from, const char* to);
 
+/* ---- Files confined to one directory ---------------------------------- */
+
+/* The calls below take a `path` relative to `directory` and never act outside
+ * it. The path is walked one component at a time from `directory` (which is
+ * itself taken as given, links and all): an absolute path, a ".." component
+ * or a symbolic link anywhere on the way, the last component included, gives
+ * OS_ERROR_OUTSIDE_DIRECTORY and nothing is touched. So a link planted in the
+ * directory can neither lead a write, a rename or a delete elsewhere nor be
+ * written through. Empty and "." components are skipped. Other results as
+ * for the plain calls above; a missing `directory` is OS_ERROR_PATH_NOT_FOUND. */
+
+/* As osOpenFile, except that a failure is an error value for
+ * osGetSpecificErrorCode (general code in the low 16 bits, the errno behind
+ * it above; ELOOP for a way out of the directory), so that the caller can
+ * tell exactly why; invalid arguments give plain OS_ERROR_INVALID_PARAMETER.
+ * A new file gets mode 0666 before umask. */
+int osOpenFileBeneath(const char* directory, const char* path, const char* mode, tOsFile* file);
+/* As osMakeDir. */
+int osMakeDirBeneath(const char* directory, const char* path);
+/* As osDeleteFile. */
+int osDeleteFileBeneath(const char* directory, const char* path);
+/* As osMoveFile, both paths relative to `directory`. */
+int osMoveFileBeneath(const char* directory, const char* from, const char* to);
+/* OS_OK when something other than a link exists at `path`;
+ * OS_ERROR_FILE_NOT_FOUND or OS_ERROR_PATH_NOT_FOUND when nothing does. */
+int osFileExistsBeneath(const char* directory, const char* path);
+
+/* The stdio stream behind a handle of osOpenFile or osOpenFileBeneath, for
+ * callers that format into it; it stays owned by the handle. */
+FILE* osFileStream(tOsFile file);
+
 /* ---- Shared memory ----------------------------------------------------- */
 
 /* Creates, or attaches to, the named shared segment of `size` bytes (the name
@@ -324,7 +358,13 @@ int osTCPConnect(long socket, const tOsTCPSocketAddress* address);
 int osTCPBind(long socket, const tOsTCPSocketAddress* address);
 int osTCPListen(long socket, int backlog);
 /* Accepts one pending connection: OS_ERROR_WOULD_BLOCK when there is none on a
- * non-blocking socket. The new socket is blocking unless the caller changes it. */
+ * non-blocking socket. The new socket is blocking unless the caller changes it.
+ * When the process has no descriptor left, the connection is refused:
+ * osTCPListen keeps one descriptor in reserve, which is given up for a moment
+ * to accept the connection and close it at once, so that it does not stay
+ * pending (and the listening socket readable) for ever. The result is then
+ * OS_ERROR_NO_DESCRIPTORS, with `farEnd` naming the refused peer (zeros when
+ * the reserve could not be used). */
 int osTCPAccept(long socket, long* newSocket, tOsTCPSocketAddress* farEnd);
 
 /* One send or receive call. `*count` receives the bytes moved (0 on failure).

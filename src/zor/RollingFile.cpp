@@ -20,8 +20,6 @@ constexpr uint32_t OPEN_RETRY_INTERVAL = 9999;
 constexpr unsigned long LEVEL_ERROR = 1;
 constexpr unsigned long LEVEL_INFO = 4;
 
-// Longest fopen mode we pass on; anything longer is cut.
-constexpr size_t MAX_MODE = 8;
 
 // Bytes buffered per open file before the stream writes them out. Every
 // write is a system call, an expensive one on some kernels; the timer
@@ -73,6 +71,26 @@ void RollingFile::SetPathName(const char* pathName) {
   }
 }
 
+void RollingFile::SetContainingDirectory(const std::string& directory) {
+  if (directory_ == directory) return;
+  directory_ = directory;
+  mayOpen_ = true;
+}
+
+std::string RollingFile::anchor() const {
+  if (!directory_.empty()) return directory_;
+  const size_t slash = pathName_.rfind('/');
+  return slash == std::string::npos ? "./" : pathName_.substr(0, slash + 1);
+}
+
+std::string RollingFile::relativeName(const std::string& name) const {
+  const std::string base = anchor();
+  if (name.size() > base.size() && name.compare(0, base.size(), base) == 0) {
+    return name.substr(base.size());
+  }
+  return base == "./" ? name : "/" + name;
+}
+
 int RollingFile::VPrintf(const char* format, va_list args) {
   FILE* stream = getFilePointer();
   if (stream == nullptr) return -1;
@@ -121,9 +139,9 @@ void RollingFile::Close() {
 void RollingFile::RollOver() {
   if (rollingOver_) return;
   ScopedVarChange<bool> rolling(rollingOver_, true);
-  if (file_ == nullptr) {
-    struct stat info;
-    if (stat(pathName_.c_str(), &info) != 0) return;  // nothing to roll
+  if (file_ == nullptr &&
+      osFileExistsBeneath(anchor().c_str(), relativeName(pathName_).c_str()) != OS_OK) {
+    return;  // nothing to roll (or only a link, which is never rolled)
   }
   const unsigned int kept = backupCount();
   // Backups left from an earlier, larger count go first.
@@ -181,19 +199,25 @@ FILE* RollingFile::openFile(const char* mode) {
     return nullptr;
   }
   Close();
-  // "e" (close-on-exec) keeps the file out of the background gzip processes.
-  char fullMode[MAX_MODE + 2];
-  snprintf(fullMode, sizeof fullMode, "%.*se", static_cast<int>(MAX_MODE), mode);
-  file_ = fopen(pathName_.c_str(), fullMode);
-  int error = errno;
-  if (file_ == nullptr && error == ENOENT && createDirectoriesInPathName()) {
-    file_ = fopen(pathName_.c_str(), fullMode);
-    error = errno;
+  const std::string base = anchor();
+  const std::string relative = relativeName(pathName_);
+  tOsFile handle = 0;
+  int result = osOpenFileBeneath(base.c_str(), relative.c_str(), mode, &handle);
+  if (result != OS_OK && osGetSpecificErrorCode(result) == ENOENT &&
+      createDirectoriesInPathName()) {
+    result = osOpenFileBeneath(base.c_str(), relative.c_str(), mode, &handle);
   }
-  if (file_ == nullptr) {
+  if ((result & 0xffff) == OS_ERROR_OUTSIDE_DIRECTORY) {
+    report(LEVEL_ERROR, "Error: File " + pathName_ + " lies outside " + base +
+                            " (a symbolic link or \"..\" on the way); not opened");
+    return nullptr;
+  }
+  if (result != OS_OK) {
+    const int error = result == OS_ERROR_INVALID_PARAMETER ? EINVAL : osGetSpecificErrorCode(result);
     report(LEVEL_ERROR, "Error " + number_text(error) + " trying to open file " + pathName_);
     return nullptr;
   }
+  file_ = osFileStream(handle);
   if (!streamBuffer_) streamBuffer_.reset(new char[STREAM_BUFFER_SIZE]);
   setvbuf(file_, streamBuffer_.get(), _IOFBF, STREAM_BUFFER_SIZE);
   if (!getFileStats()) {
@@ -209,19 +233,28 @@ FILE* RollingFile::openFile(const char* mode) {
 }
 
 bool RollingFile::createDirectoriesInPathName() {
+  const std::string base = anchor();
   bool missing = false;
   for (size_t i = 1; i < pathName_.size(); ++i) {
     if (pathName_[i] != '/') continue;
     const std::string prefix = pathName_.substr(0, i);
-    if (!missing) {
-      tOsFile directory = 0;
-      if (osOpenFile(prefix.c_str(), "r", &directory) == OS_OK) {
-        osCloseFile(directory);
-        continue;
+    int rc = OS_OK;
+    if (prefix.size() < base.size()) {
+      // The containing directory itself: the operator's path, made as given.
+      if (!missing) {
+        tOsFile directory = 0;
+        if (osOpenFile(prefix.c_str(), "r", &directory) == OS_OK) {
+          osCloseFile(directory);
+          continue;
+        }
+        missing = true;  // this one and every one after it are created
       }
-      missing = true;  // this one and every one after it are created
+      rc = osMakeDir(prefix.c_str());
+    } else {
+      // Inside it: only through the confined calls.
+      rc = osMakeDirBeneath(base.c_str(), relativeName(prefix).c_str());
+      if (rc == OS_ERROR_ALREADY_EXISTS) continue;
     }
-    int rc = osMakeDir(prefix.c_str());
     if (rc != OS_OK) {
       report(LEVEL_ERROR, "OSA error " + number_text(rc) + " trying to create directory " + prefix);
       return false;
@@ -254,7 +287,7 @@ bool RollingFile::deleteOldLog(unsigned int number) {
 }
 
 void RollingFile::deleteBackupFile(const std::string& name, bool* deleted) {
-  int rc = osDeleteFile(name.c_str());
+  int rc = osDeleteFileBeneath(anchor().c_str(), relativeName(name).c_str());
   if (rc == OS_OK) {
     *deleted = true;
     report(LEVEL_INFO, "Deleted file " + name);
@@ -269,7 +302,8 @@ void RollingFile::renumberOldLog(unsigned int from, unsigned int to) {
 }
 
 void RollingFile::moveBackupFile(const std::string& from, const std::string& to) {
-  int rc = osMoveFile(from.c_str(), to.c_str());
+  int rc = osMoveFileBeneath(anchor().c_str(), relativeName(from).c_str(),
+                             relativeName(to).c_str());
   if (rc != OS_OK && rc != OS_ERROR_FILE_NOT_FOUND) {
     report(LEVEL_ERROR,
            "OSA error " + number_text(rc) + " trying to rename file " + from + " to " + to);
@@ -278,7 +312,8 @@ void RollingFile::moveBackupFile(const std::string& from, const std::string& to)
 
 void RollingFile::archiveCurrentFile() {
   const std::string backup = nameOfUnzippedOldLog(1);
-  int rc = osMoveFile(pathName_.c_str(), backup.c_str());
+  int rc = osMoveFileBeneath(anchor().c_str(), relativeName(pathName_).c_str(),
+                             relativeName(backup).c_str());
   if (rc == OS_OK) {
     report(LEVEL_INFO, "File " + pathName_ + " has been rolled over");
   } else {

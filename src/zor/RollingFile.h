@@ -55,6 +55,13 @@ class RollingFile : private NonCopyable {
   // Changes the path, but only while no file is open: the name of an open
   // file never changes under it. A different name lifts the open rate limit.
   void SetPathName(const char* pathName);
+  // Confines the file and its backups to `directory` (ending in "/"), which
+  // the path name must begin with: the part after it is walked from the
+  // directory by the platform layer's confined calls, so that no symbolic
+  // link and no ".." on the way can take an open, a roll-over rename or a
+  // backup deletion outside (such a step is refused and reported). Without
+  // a containing directory the file is confined to its own directory.
+  void SetContainingDirectory(const std::string& directory);
   const std::string& GetPathName() const { return pathName_; }
 
   // Writes formatted text, opening the file first if needed, and may roll
@@ -120,9 +127,15 @@ class RollingFile : private NonCopyable {
   // report of this object is already under way.
   void report(unsigned long level, const std::string& text);
   void deleteBackupFile(const std::string& name, bool* deleted);
+  // The directory every file operation starts from, and `name` (the path
+  // name or a backup's) relative to it; a name that does not lie under it
+  // is given whole, which the confined calls refuse.
+  std::string anchor() const;
+  std::string relativeName(const std::string& name) const;
   void moveBackupFile(const std::string& from, const std::string& to);
 
   std::string pathName_;
+  std::string directory_;     // the containing directory; empty: the file's own
   FILE* file_;                // null while closed
   uint32_t lastOpenAttempt_;  // osGetClock at the last open attempt
   bool mayOpen_;              // false after a failed open: attempts are rate-limited

@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <sstream>
 #include <thread>
 
@@ -28,6 +29,15 @@ extern char** environ;
 namespace kestrin_e2e {
 
 namespace {
+
+// Whether `relative` is one of the harness's own files at the top of the
+// root (the processes' standard output and error).
+bool HarnessFile(const std::string& relative) {
+  const bool output = relative.size() > 4 && (relative.compare(relative.size() - 4, 4, ".out") == 0 ||
+                                             relative.compare(relative.size() - 4, 4, ".err") == 0);
+  return output && relative.find('/') == std::string::npos;
+}
+
 
 constexpr int POLL_INTERVAL_MS = 20;
 // Project identifiers the tests may key queues with ('Q' the default, the
@@ -479,6 +489,29 @@ void KestrinServer::RemoveSystemVObjects() const {
   }
   osUnshareMemory(KesRegTableSharedMemoryName);
   osUnshareMemory(KesSharedMemoryName);
+}
+
+std::map<std::string, std::string> EntriesOutsideLogDirectory(const KestrinServer& server) {
+  std::map<std::string, std::string> entries;
+  const std::filesystem::path root(server.Root());
+  std::error_code error;
+  for (auto it = std::filesystem::recursive_directory_iterator(root, error);
+       !error && it != std::filesystem::recursive_directory_iterator(); it.increment(error)) {
+    const std::string relative = std::filesystem::relative(it->path(), root).string();
+    if (relative == "kv/log") it.disable_recursion_pending();
+    if (relative == "kv/log" || HarnessFile(relative)) continue;
+    if (it->is_symlink()) {
+      entries[relative] = "link " + std::filesystem::read_symlink(it->path()).string();
+    } else if (it->is_directory()) {
+      entries[relative] = "directory";
+    } else {
+      std::ifstream in(it->path(), std::ios::binary);
+      std::ostringstream content;
+      content << in.rdbuf();
+      entries[relative] = "file " + content.str();
+    }
+  }
+  return entries;
 }
 
 }  // namespace kestrin_e2e

@@ -18,6 +18,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -133,6 +134,12 @@ void SendAddLogRecord(const KestrinServer& server, const kestrin::tKesAddLogMess
 // parser; a line that does not parse is a test failure and is left out. A
 // last line without its line end (still being written) is not looked at.
 std::vector<flt_test::JsonObject> FaultRecords(const KestrinServer& server);
+
+// Every entry under `server`'s root but the log directory (kv/log) and the
+// harness's own output files, by relative path: its kind and content (a
+// link's target), so that comparing two of them shows any change outside
+// the log directory.
+std::map<std::string, std::string> EntriesOutsideLogDirectory(const KestrinServer& server);
 
 // Polls `done` every 20 ms until it holds (true) or `timeoutMs` has passed
 // (false).

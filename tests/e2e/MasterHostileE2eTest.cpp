@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "ChassisSupport.h"
+#include "RawPeer.h"
 #include "KestrinServer.h"
 #include "kestrin/Records.h"
 #include "osa/osa.h"
@@ -34,138 +35,6 @@ constexpr unsigned int MAX_FRAME = MAX_BODY + 4;
 // Memory the Master may gain over a whole hostile run.
 constexpr long RSS_MARGIN_KIB = 64 * 1024;
 constexpr char SUPPRESSION_NOTE[] = " (In future, similar messages may be suppressed.)";
-
-std::string U16(unsigned value) {
-  return std::string{static_cast<char>((value >> 8) & 0xff), static_cast<char>(value & 0xff)};
-}
-
-std::string U32(unsigned long value) { return U16((value >> 16) & 0xffff) + U16(value & 0xffff); }
-
-// A frame: marker 'F', version 1, the body's size, the body.
-std::string Frame(const std::string& body) {
-  return std::string{'F', 1} + U16(static_cast<unsigned>(body.size())) + body;
-}
-
-// A record header in network byte order.
-std::string Header(unsigned type, unsigned version = kestrin::KES_INTERFACE_VERSION) {
-  return U16(version) + U16(type);
-}
-
-// The fixed part of an add-log record (40 bytes) from card 5, PID 99.
-std::string AddLogFixedPart(unsigned long handle) {
-  return Header(kestrin::KES_ADD_LOG) + U32(handle) + U16(0) + U16(3) + U32(4) + U32(0) + U32(77) +
-         U32(FIXED_SECONDS) + U32(42) + U32(5) + U32(99);
-}
-
-// The fixed part of an unregistered add-log record (52 bytes) with the
-// given module name offset and length; the other strings are empty at 0.
-std::string UnregFixedPart(unsigned nameOffset, unsigned nameLength) {
-  return Header(kestrin::KES_UNREG_ADD_LOG) + U16(0) + U16(3) + U32(4) + U32(0) + U32(77) +
-         U32(FIXED_SECONDS) + U32(42) + U32(5) + U32(99) + U16(nameOffset) + U16(nameLength) +
-         U16(0) + U16(0) + U16(0) + U16(0) + U16(0) + U16(0);
-}
-
-long VmRssKiB(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("VmRSS:", 0) == 0) return atol(line.c_str() + 6);
-  }
-  return -1;
-}
-
-int OpenDescriptors(pid_t pid) {
-  std::error_code error;
-  int count = 0;
-  for (auto it = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error);
-       !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
-    ++count;
-  }
-  return count;
-}
-
-// Opens `count` connections to the Master at once (non-blocking), waits up
-// to 10 s for them to complete, then closes them all.
-void ConnectBurst(uint16_t port, int count) {
-  std::vector<long> sockets;
-  tOsTCPSocketAddress address{LOOPBACK, port};
-  for (int i = 0; i < count; ++i) {
-    long socket = -1;
-    if (osTCPSocket(OS_SOCK_STREAM, OS_IPPROTO_TCP, &socket) != OS_OK) break;
-    osTCPSetNonBlocking(socket, 1);
-    const int result = osTCPConnect(socket, &address);
-    EXPECT_TRUE(result == OS_OK || result == OS_ERROR_IN_PROGRESS) << result;
-    sockets.push_back(socket);
-  }
-  std::vector<long> pending = sockets;
-  for (int rounds = 0; rounds < 100 && !pending.empty(); ++rounds) {
-    std::vector<long> ready = pending;
-    int readyCount = static_cast<int>(ready.size());
-    if (osTCPSelectWrite(ready.data(), &readyCount, 100) != OS_OK) continue;
-    std::vector<long> still;
-    for (long socket : pending) {
-      if (std::find(ready.begin(), ready.begin() + readyCount, socket) ==
-          ready.begin() + readyCount) {
-        still.push_back(socket);
-      }
-    }
-    pending.swap(still);
-  }
-  EXPECT_TRUE(pending.empty()) << pending.size() << " connections never completed";
-  for (long socket : sockets) osTCPClose(socket);
-}
-
-// One raw TCP connection to the Master, blocking.
-class RawPeer {
- public:
-  explicit RawPeer(uint16_t port) {
-    if (osTCPSocket(OS_SOCK_STREAM, OS_IPPROTO_TCP, &socket_) != OS_OK) return;
-    tOsTCPSocketAddress address{LOOPBACK, port};
-    if (osTCPConnect(socket_, &address) != OS_OK) Close();
-  }
-  ~RawPeer() { Close(); }
-  RawPeer(const RawPeer&) = delete;
-  RawPeer& operator=(const RawPeer&) = delete;
-
-  bool Connected() const { return socket_ >= 0; }
-  // "127.0.0.1:port" of this end, as the Master names it.
-  std::string Name() const {
-    tOsTCPSocketAddress address{};
-    osTCPGetLocalAddress(socket_, &address);
-    return "127.0.0.1:" + std::to_string(address.port);
-  }
-  bool SendAll(const std::string& bytes) {
-    size_t sent = 0;
-    while (sent < bytes.size() && socket_ >= 0) {
-      int count = 0;
-      if (osTCPSend(socket_, bytes.data() + sent, static_cast<int>(bytes.size() - sent), 0,
-                    &count) != OS_OK) {
-        return false;
-      }
-      sent += static_cast<size_t>(count);
-    }
-    return sent == bytes.size();
-  }
-  // Whether the Master closed this connection (within `timeoutMs`).
-  bool ClosedByMaster(int timeoutMs) {
-    osTCPSetNonBlocking(socket_, 1);
-    return WaitUntil(
-        [&]() {
-          char byte = 0;
-          int count = 0;
-          const int result = osTCPRecv(socket_, &byte, 1, 0, &count);
-          return result != OS_ERROR_WOULD_BLOCK && count == 0;
-        },
-        timeoutMs);
-  }
-  void Close() {
-    if (socket_ >= 0) osTCPClose(socket_);
-    socket_ = -1;
-  }
-
- private:
-  long socket_ = -1;
-};
 
 class E2eMasterHostile : public ::testing::Test {
  protected:

@@ -11,6 +11,7 @@ namespace {
 
 constexpr int LISTEN_BACKLOG = 6;
 constexpr int MAX_ACCEPT_RETRIES = 20;  // consecutive OS_ERROR_RETRYs ending an Accept()
+constexpr unsigned long NO_DESCRIPTOR_PAUSE_MS = 100;
 
 std::string text(long value) { return std::to_string(value); }
 
@@ -23,6 +24,7 @@ bool step_failed(int rc, const std::string& what) {
 }  // namespace
 
 ListeningSocket::User::~User() = default;
+void ListeningSocket::User::AcceptRefused(ListeningSocket&, const tOsTCPSocketAddress&) {}
 
 ListeningSocket::ListeningSocket(User& user, const tOsTCPSocketAddress& localAddress)
     : user_(user), socket_(-1L), localAddress_(localAddress) {}
@@ -75,6 +77,15 @@ bool ListeningSocket::Accept() {
       retries = 0;
     } else if (rc == OS_ERROR_WOULD_BLOCK) {
       return true;
+    } else if (rc == OS_ERROR_NO_DESCRIPTORS) {
+      user_.AcceptRefused(*this, farEnd);
+      // Without the platform's reserve the connection is still pending, and
+      // the socket would be readable again at once: pause before the next
+      // wait instead of spinning.
+      if (farEnd.ipAddress == 0 && farEnd.port == 0) {
+        osSleep(NO_DESCRIPTOR_PAUSE_MS);
+        return true;
+      }
     } else if (rc == OS_ERROR_CONN_ABORTED_BY_PEER) {
       // A client that gave up before being accepted is not an error.
       report_socket_event(SOCKET_LOG_DEBUG, "Ignoring error " + text(rc) + " on socket " +

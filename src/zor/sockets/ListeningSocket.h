@@ -25,6 +25,10 @@ class ListeningSocket : private NonCopyable {
                                 const tOsTCPSocketAddress& farEnd) = 0;
     // Accepting failed; Accept() returns false after this call.
     virtual void AcceptError(ListeningSocket& listener) = 0;
+    // The process had no descriptor left: a connection from `farEnd` (zeros
+    // when even that could not be learnt) was refused. Accepting goes on.
+    // The default does nothing.
+    virtual void AcceptRefused(ListeningSocket& listener, const tOsTCPSocketAddress& farEnd);
   };
 
   // Nothing is opened yet: Init() does that. `user` must outlive the object.
@@ -40,7 +44,9 @@ class ListeningSocket : private NonCopyable {
   // Accepts every pending connection, handing each to User::SocketAccepted.
   // True when none is left (OS_ERROR_WOULD_BLOCK); false after
   // User::AcceptError, on a failure or on the 20th OS_ERROR_RETRY in a row.
-  // A connection aborted by its peer before it was accepted is skipped.
+  // A connection aborted by its peer before it was accepted is skipped; one
+  // refused for want of descriptors is reported (User::AcceptRefused) and
+  // never ends the accepting.
   bool Accept();
 
   // Closes the socket; a later Init() starts again.

@@ -30,6 +30,12 @@ SocketHandle SocketHandle::Next() {
 ServerSocketManager::User::~User() = default;
 void ServerSocketManager::User::SocketAccepted(ServerSocketManager&, SocketHandle) {}
 void ServerSocketManager::User::SocketClosed(ServerSocketManager&, SocketHandle) {}
+bool ServerSocketManager::User::AdmitClient(ServerSocketManager&, const tOsTCPSocketAddress&) {
+  return true;
+}
+void ServerSocketManager::User::ClientRefused(ServerSocketManager&, const tOsTCPSocketAddress&,
+                                              ClientRefusal) {}
+void ServerSocketManager::User::ClientIdle(ServerSocketManager&, SocketHandle) {}
 
 ServerSocketManager::ServerSocketManager(User* user, const tOsTCPSocketAddress& localAddress)
     : user_(user),
@@ -71,6 +77,11 @@ void ServerSocketManager::SetMaximumNumberOfClients(unsigned int maximum) {
 void ServerSocketManager::SetCloseOtherSocketsAtSameIPAddress(bool closeOthers) {
   ScopedCriticalSectionLock lock(lock_);
   closeOtherSocketsAtSameIPAddress_ = closeOthers;
+}
+
+void ServerSocketManager::SetIdleTimeout(unsigned long milliseconds) {
+  ScopedCriticalSectionLock lock(lock_);
+  idleTimeoutMs_ = milliseconds;
 }
 
 unsigned int ServerSocketManager::GetNumberOfClients() {
@@ -122,16 +133,20 @@ void ServerSocketManager::Close() {
 bool ServerSocketManager::Select() {
   int errors = 0;
   for (;;) {
-    const int arraySize = InitSocketArraysForSelect();
+    long timeoutMs = -1;
+    const int arraySize = InitSocketArraysForSelect(&timeoutMs);
     if (arraySize == 0) return false;
     int count = arraySize;
-    int rc = osTCPSelect(selectArray_.data(), &count, -1);
+    int rc = osTCPSelect(selectArray_.data(), &count, timeoutMs);
     if (rc == OS_ERROR_TIMEOUT) {
       errors = 0;
-      continue;
+      if (timeoutMs < 0) continue;
+      CloseIdleClients();
+      return true;
     }
     if (rc == OS_OK && count >= 0 && count <= arraySize) {
       HandleReadActivity(count);
+      CloseIdleClients();
       return true;
     }
     // Close() from another thread between building the array and the wait
@@ -147,7 +162,9 @@ bool ServerSocketManager::Select() {
 
 // Entry 0 is the listening socket, then every client in ascending identifier
 // order. Returns the number of entries, 0 when there is no listening socket.
-int ServerSocketManager::InitSocketArraysForSelect() {
+// `timeoutMs` receives how long the wait may last: until the first client
+// falls silent for the idle time-out, -1 (for ever) without one.
+int ServerSocketManager::InitSocketArraysForSelect(long* timeoutMs) {
   ScopedCriticalSectionLock lock(lock_);
   const long listening = listeningSocket_.GetSocketID();
   if (listening == -1) return 0;
@@ -155,8 +172,40 @@ int ServerSocketManager::InitSocketArraysForSelect() {
   if (selectArray_.size() < needed) selectArray_.resize(needed);
   size_t next = 0;
   selectArray_[next++] = listening;
-  for (const auto& entry : socketsById_) selectArray_[next++] = entry.first;
+  const unsigned long now = osGetClock();
+  *timeoutMs = idleTimeoutMs_ == 0 ? -1 : static_cast<long>(idleTimeoutMs_);
+  for (const auto& entry : socketsById_) {
+    selectArray_[next++] = entry.first;
+    if (idleTimeoutMs_ == 0) continue;
+    const unsigned long silent = now - entry.second->lastActivity;
+    const long left = silent >= idleTimeoutMs_ ? 0 : static_cast<long>(idleTimeoutMs_ - silent);
+    if (left < *timeoutMs) *timeoutMs = left;
+  }
   return static_cast<int>(needed);
+}
+
+void ServerSocketManager::CloseIdleClients() {
+  std::vector<SocketHandle> idle;
+  {
+    ScopedCriticalSectionLock lock(lock_);
+    if (idleTimeoutMs_ == 0) return;
+    const unsigned long now = osGetClock();
+    for (auto it = socketsById_.begin(); it != socketsById_.end();) {
+      if (now - it->second->lastActivity < idleTimeoutMs_) {
+        ++it;
+        continue;
+      }
+      idle.push_back(it->second->handle);
+      it->second->socket.Close();
+      socketsByHandle_.erase(it->second->handle);
+      it = socketsById_.erase(it);
+    }
+  }
+  if (user_ == nullptr) return;
+  for (SocketHandle handle : idle) {
+    user_->ClientIdle(*this, handle);
+    user_->SocketClosed(*this, handle);
+  }
 }
 
 bool ServerSocketManager::HandleSelectError(int rc, int count, int arraySize, int& errors) {
@@ -211,6 +260,10 @@ void ServerSocketManager::receiveFrom(long socketId) {
   // The counted reference keeps the client alive while its callbacks run
   // without the lock and perhaps remove it from the maps.
   entry->socket.Receive(MESSAGES_PER_RECEIVE);
+  {
+    ScopedCriticalSectionLock lock(lock_);
+    entry->lastActivity = osGetClock();
+  }
   release(entry);
 }
 
@@ -218,6 +271,11 @@ void ServerSocketManager::receiveFrom(long socketId) {
 
 void ServerSocketManager::SocketAccepted(ListeningSocket& /*listener*/, long socketId,
                                          const tOsTCPSocketAddress& farEnd) {
+  if (user_ != nullptr && !user_->AdmitClient(*this, farEnd)) {
+    osTCPClose(socketId);
+    user_->ClientRefused(*this, farEnd, ClientRefusal::NOT_ADMITTED);
+    return;
+  }
   if (IsClientLimitExceeded(socketId)) return;
   bool closeOthers;
   {
@@ -282,6 +340,7 @@ bool ServerSocketManager::addClient(long socketId, const tOsTCPSocketAddress& fa
   DataSocketPtr entry(new DataSocketAndInfo(this, socketId, farEnd, handle));
   entry->socket.SetReceivedDataShouldIncludeHeader(receivedDataShouldIncludeHeader_);
   if (!entry->socket.SetSocketIsNonBlocking(true)) return false;
+  entry->lastActivity = osGetClock();
   auto old = socketsById_.find(socketId);
   if (old != socketsById_.end()) {
     report_socket_event(SOCKET_LOG_WARNING, "ID of accepted socket, " + text(socketId) +
@@ -300,6 +359,11 @@ bool ServerSocketManager::addClient(long socketId, const tOsTCPSocketAddress& fa
 
 void ServerSocketManager::AcceptError(ListeningSocket& /*listener*/) {
   if (user_ != nullptr) user_->AcceptError(*this);
+}
+
+void ServerSocketManager::AcceptRefused(ListeningSocket& /*listener*/,
+                                        const tOsTCPSocketAddress& farEnd) {
+  if (user_ != nullptr) user_->ClientRefused(*this, farEnd, ClientRefusal::NO_DESCRIPTORS);
 }
 
 // ---- Framed-socket callbacks -----------------------------------------------

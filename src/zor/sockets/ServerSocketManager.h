@@ -4,8 +4,11 @@
 // it accepts. Select() waits on all of them with one select call, accepts
 // new clients, reads their frames and reports everything to one User, which
 // names each client by a SocketHandle, never by its socket. Optionally it
-// limits the number of clients and keeps one client per IPv4 address; it
-// gives up (User::TooManySocketErrors) when clients fail too often.
+// limits the number of clients, keeps one client per IPv4 address, lets the
+// User refuse peers by address and closes clients that stay silent too
+// long; it gives up (User::TooManySocketErrors) when clients fail too often.
+// Running out of descriptors refuses the new connection and is reported,
+// never a failure.
 //
 // Threads: Select() runs on one thread, the server's select thread; Send(),
 // GetAddressOfFarEnd(), Close(), the setters and GetNumberOfClients() may be
@@ -61,6 +64,15 @@ struct DataSocketAndInfo : private NonCopyable {
 
   FramedDataSocket socket;
   SocketHandle handle;
+  // osGetClock milliseconds of the accept or of the last readable moment;
+  // written under the manager's lock.
+  unsigned long lastActivity = 0;
+};
+
+// Why a connection was closed right after it was accepted.
+enum class ClientRefusal {
+  NOT_ADMITTED,   // User::AdmitClient said no
+  NO_DESCRIPTORS  // the process had no descriptor left for it
 };
 
 // One socket error: when it was recorded (osGetClock milliseconds) and how
@@ -91,6 +103,18 @@ class ServerSocketManager : public ListeningSocket::User,
     virtual void AcceptError(ServerSocketManager& manager) = 0;
     // Clients failed too often: more than 3 errors per socket in 5 minutes.
     virtual void TooManySocketErrors(ServerSocketManager& manager) = 0;
+    // Whether a peer at `farEnd` may become a client; asked for every
+    // accepted connection before anything else. One refused is closed at
+    // once, never read and never counted as a socket error. The default
+    // admits everyone.
+    virtual bool AdmitClient(ServerSocketManager& manager, const tOsTCPSocketAddress& farEnd);
+    // A connection from `farEnd` was closed right after it was accepted.
+    // The default does nothing.
+    virtual void ClientRefused(ServerSocketManager& manager, const tOsTCPSocketAddress& farEnd,
+                               ClientRefusal reason);
+    // The client stayed silent for the idle time-out and has been closed;
+    // SocketClosed follows for the same handle. The default does nothing.
+    virtual void ClientIdle(ServerSocketManager& manager, SocketHandle handle);
   };
 
   // Nothing is opened yet: Init() does that. `user` may be null (no
@@ -127,6 +151,11 @@ class ServerSocketManager : public ListeningSocket::User,
   // When set (default: not), a new client replaces every other client at the
   // same IPv4 address.
   void SetCloseOtherSocketsAtSameIPAddress(bool closeOthers);
+  // 0 (the default): clients may stay silent for ever. Otherwise a client
+  // that has not been readable for this many milliseconds is closed
+  // (User::ClientIdle, then User::SocketClosed); Select() then wakes at
+  // least that often.
+  void SetIdleTimeout(unsigned long milliseconds);
 
   // Closes the listening socket and every client and forgets them all,
   // without calling the User.
@@ -142,13 +171,15 @@ class ServerSocketManager : public ListeningSocket::User,
   void SocketAccepted(ListeningSocket& listener, long socketId,
                       const tOsTCPSocketAddress& farEnd) override;
   void AcceptError(ListeningSocket& listener) override;
+  void AcceptRefused(ListeningSocket& listener, const tOsTCPSocketAddress& farEnd) override;
   // FramedDataSocket::User
   void MessageReceived(FramedDataSocket& socket, void* data, unsigned int size) override;
   void SocketError(FramedDataSocket& socket) override;
   void SocketClosed(FramedDataSocket& socket) override;
   void MessageFramingError(FramedDataSocket& socket) override;
 
-  int InitSocketArraysForSelect();
+  int InitSocketArraysForSelect(long* timeoutMs);
+  void CloseIdleClients();
   bool HandleSelectError(int rc, int count, int arraySize, int& errors);
   void HandleReadActivity(int count);
   void receiveFrom(long socketId);
@@ -175,6 +206,7 @@ class ServerSocketManager : public ListeningSocket::User,
   std::map<long, DataSocketPtr> socketsById_;  // keyed by the identifier at accept time
   unsigned int maximumNumberOfClients_ = 0;    // 0: no limit
   bool closeOtherSocketsAtSameIPAddress_ = false;
+  unsigned long idleTimeoutMs_ = 0;  // 0: none
   bool receivedDataShouldIncludeHeader_ = false;
   std::deque<ErrorRecord> errorRecords_;  // oldest first
   const unsigned long errorPeriodMs_ = 300000;

@@ -35,10 +35,8 @@ int scripted_accept(long socket, long* newSocket, tOsTCPSocketAddress* farEnd) {
   if (socket != s.listening || s.accepts.empty()) return OSA_CALL_REAL;
   ManagerScript::Accept next = s.accepts.front();
   s.accepts.pop_front();
-  if (next.code == OS_OK) {
-    *newSocket = next.socketId;
-    *farEnd = next.farEnd;
-  }
+  if (next.code == OS_OK) *newSocket = next.socketId;
+  if (next.code == OS_OK || next.code == OS_ERROR_NO_DESCRIPTORS) *farEnd = next.farEnd;
   return next.code;
 }
 

@@ -484,6 +484,23 @@ void RecordingManagerUser::TooManySocketErrors(Manager& manager) {
   if (onTooMany) onTooMany(manager);
 }
 
+bool RecordingManagerUser::AdmitClient(Manager& /*manager*/, const tOsTCPSocketAddress& farEnd) {
+  return !admit || admit(farEnd);
+}
+
+void RecordingManagerUser::ClientRefused(Manager& /*manager*/, const tOsTCPSocketAddress& farEnd,
+                                         Zor::Sockets::ClientRefusal reason) {
+  char address[64] = {};
+  osTCPAddressToString(&farEnd, address, sizeof address);
+  record(std::string("refused:") + address +
+         (reason == Zor::Sockets::ClientRefusal::NOT_ADMITTED ? ":not-admitted"
+                                                              : ":no-descriptors"));
+}
+
+void RecordingManagerUser::ClientIdle(Manager& /*manager*/, Handle handle) {
+  record(event("idle", handle));
+}
+
 std::vector<std::string> RecordingManagerUser::Events() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return events_;

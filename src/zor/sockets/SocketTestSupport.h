@@ -231,6 +231,12 @@ class RecordingManagerUser : public Zor::Sockets::ServerSocketManager::User {
   void SelectError(Manager& manager) override;
   void AcceptError(Manager& manager) override;
   void TooManySocketErrors(Manager& manager) override;
+  // Asks `admit` when set; records "refused:a.b.c.d:port:not-admitted" (or
+  // ":no-descriptors") and "idle:H".
+  bool AdmitClient(Manager& manager, const tOsTCPSocketAddress& farEnd) override;
+  void ClientRefused(Manager& manager, const tOsTCPSocketAddress& farEnd,
+                     Zor::Sockets::ClientRefusal reason) override;
+  void ClientIdle(Manager& manager, Handle handle) override;
 
   std::vector<std::string> Events() const;
   // Handles of the accepted clients, in order.
@@ -244,6 +250,7 @@ class RecordingManagerUser : public Zor::Sockets::ServerSocketManager::User {
   std::function<void(Manager&, Handle, const std::string&)> onMessage;
   std::function<void(Manager&)> onTooMany;
   std::function<void(Manager&)> onSelectError;
+  std::function<bool(const tOsTCPSocketAddress&)> admit;
 
  private:
   void record(const std::string& event, Handle handle = Handle());
