@@ -5,10 +5,17 @@
 # KESTRIN_ROOT. Stop it with Ctrl-C.
 #
 #   KESTRIN_SAMPLE_ROOT=DIR  use DIR as the root (default: build/sample-root)
+# Missing build packages are installed first (as root: apt-get update, then
+# apt-get install).
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/dependencies.sh
+need_packages "${BUILD_PACKAGES[@]}"
 
-cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
+generator=()
+command -v ninja >/dev/null 2>&1 && generator=(-G Ninja)
+# Benchmarks and tests are not built here: the daemon and the client only.
+cmake -S . -B build "${generator[@]}" -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build build -j2 --target kestrin kestrin-log >/dev/null
 
 root=${KESTRIN_SAMPLE_ROOT:-$PWD/build/sample-root}

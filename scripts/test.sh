@@ -3,8 +3,12 @@
 # AddressSanitizer + UndefinedBehaviorSanitizer. Extra builds:
 #   KESTRIN_TEST_TSAN=1  also runs the tests under ThreadSanitizer.
 #   KESTRIN_TEST_QUICK=1 runs only the plain build.
+# Missing packages are installed first (as root: apt-get update, then
+# apt-get install).
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/dependencies.sh
+need_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
 
 jobs=${KESTRIN_JOBS:-2}
 generator=()
