@@ -123,8 +123,10 @@ void FormatLine(const tKesAddLogMessage* message, const MappedEvent& event,
   ++s_linesFormatted;
 }
 
-// Writes the formatted line and a line end, the bytes of "%s\n", as one
-// write (so that a roll-over cannot come between them) and without printf.
+// The one way an operational line (system log, alarm log, operational
+// private files, stamps) reaches a file: the formatted line and a line end,
+// the bytes of "%s\n", as one write (so that a roll-over cannot come
+// between them) and without printf.
 void WriteFormattedLine(LogFile& file, DetailedSeverity severity) {
   s_line[s_lineLength] = '\n';
   file.LogWrite(severity, s_line, s_lineLength + 1);
@@ -242,6 +244,13 @@ uint32_t GetDefaultEventClass(DetailedSeverity severity, unsigned char /*byteVal
 }
 
 void StampAllLogs(const tKesAddLogMessage* message, const char* line) {
+  if (line != s_line) {
+    s_lineLength = strnlen(line, KES_MAX_LOG_LINE);
+    memcpy(s_line, line, s_lineLength);
+    s_line[s_lineLength] = '\0';
+  }
+  DetailedSeverity severity;
+  severity.SetFromQrtSeverity(QrtSeverityOf(message));
   for (auto& entry : logFileMap) entry.second->SetMarker(false);
   ScopedSemaphoreLock lock;
   if (!lock.Good()) {
@@ -260,7 +269,7 @@ void StampAllLogs(const tKesAddLogMessage* message, const char* line) {
     logger->SetMarker(true);
   }
   if (!systemlog.IsNil()) {
-    systemlog->LogPrintf(QrtSeverityOf(message), "%s\n", line);
+    WriteFormattedLine(*systemlog, severity);
     systemlog->SetMarker(true);
   }
 
@@ -270,7 +279,7 @@ void StampAllLogs(const tKesAddLogMessage* message, const char* line) {
     const LogFilePtr& file = logFileArray[handle];
     if (file->GetMarker()) continue;
     if (file->IsOperationalLog()) {
-      file->LogPrintf(QrtSeverityOf(message), "%s\n", line);
+      WriteFormattedLine(*file, severity);
     } else {
       WritePrivateLine(file, message, names.moduleNameInLog, message->eventId, message->text,
                        false);

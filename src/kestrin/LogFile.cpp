@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "kestrin/TextForms.h"
 #include "kestrin/Timestamp.h"
@@ -17,15 +18,7 @@ namespace {
 
 bool s_firstStaticInitialization = true;
 
-// The private-file line: time stamp, milliseconds, two empty texts (the
-// card is deliberately not printed, so the line keeps one shape whatever the
-// card), severity word, name, event ID, the note on dropped messages and the
-// text. A macro so that the compiler checks the arguments against it.
-#define KES_PRIVATE_LINE_FORMAT "%s%03ld %s%s[%s] {%s} (%d) - %s%s\n"
 constexpr char DROPPED_NOTE[] = "(Messages have been dropped.) ";
-// Lines up to this size are assembled on the stack; longer ones (long
-// internal reports) go through the stream's formatting.
-constexpr size_t PRIVATE_LINE_CAPACITY = 2048;
 
 // A client's text (null taken as empty) with its control bytes escaped, and
 // its length, measured once.
@@ -52,6 +45,16 @@ void ReportThroughFoundationLogger(const std::string& text, unsigned long level)
 }
 
 }  // namespace
+
+void LineBuilder::Grow(size_t more) {
+  size_t capacity = capacity_ * 2;
+  while (capacity - length_ < more) capacity *= 2;
+  std::unique_ptr<char[]> bigger(new char[capacity]);
+  memcpy(bigger.get(), data_, length_);
+  heap_ = std::move(bigger);
+  data_ = heap_.get();
+  capacity_ = capacity;
+}
 
 void LineBuilder::AppendDecimal(long value, int width) {
   constexpr int MAX_WIDTH = 20;
@@ -184,34 +187,28 @@ bool LogPrivateMessage(const LogFilePtr& file, long seconds, long microseconds,
   const char* severityWord = GetSeverityStringForDesignerLogs(qrtSeverity);
   // What clients wrote never brings a line end or a field separator of its
   // own; the daemon's own texts hold no control bytes and pass unchanged.
-  ClientText clientName(name);
-  ClientText clientText(text);
-  name = clientName.Text();
-  text = clientText.Text();
+  const ClientText clientName(name);
+  const ClientText clientText(text);
   const char* droppedNote = messagesDropped ? DROPPED_NOTE : "";
   // Every client request passes here, so the line is assembled by hand
-  // rather than through printf; the bytes are those of KES_PRIVATE_LINE_FORMAT.
-  char line[PRIVATE_LINE_CAPACITY];
-  LineBuilder builder(line, sizeof line);
+  // rather than through printf. Its shape: time stamp, milliseconds, the
+  // severity word, name, event ID, the note on dropped messages and the text
+  // (the card is deliberately not printed, so that the line keeps one shape
+  // whatever the card).
+  LineBuilder builder;
   builder.Append(stamp);
   builder.AppendDecimal(microseconds / 1000, 3);
   builder.Append(" [");
   builder.Append(severityWord);
   builder.Append("] {");
-  builder.Append(name, clientName.Length());
+  builder.Append(clientName.Text(), clientName.Length());
   builder.Append("} (");
   builder.AppendDecimal(eventId, 0);
   builder.Append(") - ");
   builder.Append(droppedNote);
-  builder.Append(text, clientText.Length());
+  builder.Append(clientText.Text(), clientText.Length());
   builder.Append("\n");
-  int written = 0;
-  if (!builder.Overflowed()) {
-    written = file->LogWrite(qrtSeverity, line, builder.Length());
-  } else {
-    written = file->LogPrintf(qrtSeverity, KES_PRIVATE_LINE_FORMAT, stamp, microseconds / 1000, "",
-                              "", severityWord, name, eventId, droppedNote, text);
-  }
+  const int written = file->LogWrite(qrtSeverity, builder.Data(), builder.Length());
   return written != 0;
 }
 

@@ -10,6 +10,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "appfw/SmartPointerNTS.h"
@@ -88,24 +89,23 @@ using LogFilePtr = AppFw::SmartPointerNTS<LogFile>;
 // Normalised file name to file: every log file the daemon knows.
 using LogFileMap = std::map<std::string, LogFilePtr>;
 
-// Assembles a line in a caller's fixed buffer, for lines written on every
-// request, where printf's parsing of the format would cost more than the
-// copying. Nothing is terminated: Length() bytes are the line. Once a piece
-// does not fit, the builder is overflowed and appends nothing more; the
-// caller then formats the line another way.
+// Assembles a line, for lines written on every request, where printf's
+// parsing of the format would cost more than the copying. The line is kept
+// in the builder's own buffer, on the stack while it is short (every
+// ordinary line) and on the heap once it outgrows that, so one encoder
+// serves every length and nothing is ever cut. Nothing is terminated:
+// Length() bytes at Data() are the line.
 class LineBuilder {
  public:
-  LineBuilder(char* buffer, size_t capacity)
-      : buffer_(buffer), capacity_(capacity), length_(0), overflowed_(false) {}
+  LineBuilder() = default;
+  LineBuilder(const LineBuilder&) = delete;
+  LineBuilder& operator=(const LineBuilder&) = delete;
 
   // Inline, so that the length of a literal is known when compiling.
   void Append(const char* text) { Append(text, strlen(text)); }  // NUL-terminated
   void Append(const char* text, size_t length) {
-    if (overflowed_ || length > capacity_ - length_) {
-      overflowed_ = true;
-      return;
-    }
-    memcpy(buffer_ + length_, text, length);
+    if (length > capacity_ - length_) Grow(length);
+    memcpy(data_ + length_, text, length);
     length_ += length;
   }
   // `value` in decimal as printf's "%0<width>ld" gives it: a '-' for
@@ -113,14 +113,21 @@ class LineBuilder {
   // no padding). `width` is at most 20.
   void AppendDecimal(long value, int width);
 
+  const char* Data() const { return data_; }
   size_t Length() const { return length_; }
-  bool Overflowed() const { return overflowed_; }
+
+  // Bytes kept on the stack before the builder turns to the heap.
+  static constexpr size_t INLINE_CAPACITY = 2048;
 
  private:
-  char* buffer_;
-  size_t capacity_;
-  size_t length_;
-  bool overflowed_;
+  // Makes room for `more` bytes beyond Length().
+  void Grow(size_t more);
+
+  char inline_[INLINE_CAPACITY];
+  std::unique_ptr<char[]> heap_;  // null until the line outgrows inline_
+  char* data_ = inline_;
+  size_t capacity_ = INLINE_CAPACITY;
+  size_t length_ = 0;
 };
 
 // The name without its leading '/' characters; nothing else changes.

@@ -226,35 +226,35 @@ TEST(LineBuilder, DecimalsMatchPrintf) {
                          LONG_MAX, LONG_MIN};
   for (long value : values) {
     for (int width : {0, 1, 3, 6}) {
-      char built[64];
-      LineBuilder builder(built, sizeof built);
+      LineBuilder builder;
       builder.AppendDecimal(value, width);
       char printed[64];
       snprintf(printed, sizeof printed, "%0*ld", width, value);
-      EXPECT_EQ(std::string(printed), std::string(built, builder.Length()))
+      EXPECT_EQ(std::string(printed), std::string(builder.Data(), builder.Length()))
           << value << " width " << width;
     }
   }
 }
 
-TEST(LineBuilder, PieceThatDoesNotFitOverflowsAndStopsAppending) {
-  char buffer[8];
-  LineBuilder builder(buffer, sizeof buffer);
-  builder.Append("abcde");
-  builder.AppendDecimal(12, 3);
-  EXPECT_FALSE(builder.Overflowed());
-  EXPECT_EQ("abcde012", std::string(buffer, builder.Length()));
-  builder.Append("z");
-  EXPECT_TRUE(builder.Overflowed());
-  builder.Append("", 0);
-  EXPECT_TRUE(builder.Overflowed());
-  EXPECT_EQ(8u, builder.Length());
-
-  char small[4];
-  LineBuilder digits(small, sizeof small);
-  digits.AppendDecimal(-12345, 0);
-  EXPECT_TRUE(digits.Overflowed());
-  EXPECT_EQ(0u, digits.Length());
+TEST(LineBuilder, GrowsBeyondItsStackBufferWithoutCuttingAnything) {
+  LineBuilder builder;
+  std::string expected;
+  for (int i = 0; i < 1000; ++i) {
+    const std::string piece = "piece " + std::to_string(i) + ";";
+    builder.Append(piece.c_str());
+    builder.AppendDecimal(i, 5);
+    expected += piece;
+    char digits[16];
+    snprintf(digits, sizeof digits, "%05d", i);
+    expected += digits;
+  }
+  ASSERT_GT(expected.size(), 4 * LineBuilder::INLINE_CAPACITY);
+  EXPECT_EQ(expected, std::string(builder.Data(), builder.Length()));
+  LineBuilder oneBigPiece;
+  oneBigPiece.Append("<");
+  const std::string big(3 * LineBuilder::INLINE_CAPACITY + 7, 'b');
+  oneBigPiece.Append(big.data(), big.size());
+  EXPECT_EQ("<" + big, std::string(oneBigPiece.Data(), oneBigPiece.Length()));
 }
 
 int LogDirectoryWithoutSlash(int kind, char* out, size_t size) {
