@@ -23,6 +23,9 @@ run_build() {
   ctest --test-dir "$dir" --output-on-failure -j"$jobs" --timeout 300
 }
 
+# Product code reaches the system only through the platform layer.
+./scripts/check-platform-seam.sh
+
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}

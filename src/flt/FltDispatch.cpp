@@ -1,15 +1,11 @@
 // The dispatch transport: one JSON line per record, appended to a file in
 // the log directory.
 //
-// This library stands in for the platform's fault-record transport, so it
-// sits beside the platform layer rather than on it: the platform layer has
-// no append-in-one-write call, and a line must reach the file in a single
-// write(2) on a descriptor opened with O_APPEND so that two writers (two
-// threads, or the daemon and a tool) never interleave their lines. Nothing
-// is buffered in the process, so `tail -f` sees each line at once.
-#include <errno.h>
-#include <fcntl.h>
-#include <unistd.h>
+// A line reaches the file in a single write on a descriptor opened to
+// append, so that two writers (two threads, or the daemon and a tool) never
+// interleave their lines; the file is opened beneath the log directory, so
+// a link planted under its name is never written through. Nothing is
+// buffered in the process, so `tail -f` sees each line at once.
 
 #include <mutex>
 #include <new>
@@ -20,39 +16,30 @@
 
 namespace {
 
-long RealWrite(int fd, const void* data, size_t length) {
-  return static_cast<long>(write(fd, data, length));
-}
-
 // Guards every member below; held for a whole dispatch so that Terminate
 // waits for one under way.
 std::mutex s_mutex;
 // True between FltDispatchInitTx and FltDispatchTerminate.
 bool s_started = false;
-// The record file's full path; set by FltDispatchInitTx.
-std::string s_path;
-FltWriteFunction s_write = RealWrite;
+// The log directory; set by FltDispatchInitTx.
+std::string s_directory;
 
-// Writes the whole line with one call; an interrupted call that stored
-// nothing is repeated.
-int WriteLine(int fd, const std::string& line) {
-  long written;
-  do {
-    written = s_write(fd, line.data(), line.size());
-  } while (written < 0 && errno == EINTR);
-  if (written < 0) return FLT_ERROR_WRITE;
-  if (static_cast<size_t>(written) != line.size()) return FLT_ERROR_PARTIAL_WRITE;
-  return FLT_OK;
+// Writes the whole line with one call.
+int WriteLine(long fd, const std::string& line) {
+  size_t written = 0;
+  if (osWriteDescriptorOnce(fd, line.data(), line.size(), &written) != OS_OK) {
+    return FLT_ERROR_WRITE;
+  }
+  return written == line.size() ? FLT_OK : FLT_ERROR_PARTIAL_WRITE;
 }
 
 int AppendLine(const std::string& line) {
-  int fd;
-  do {
-    fd = open(s_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-  } while (fd < 0 && errno == EINTR);
-  if (fd < 0) return FLT_ERROR_OPEN;
+  long fd = -1;
+  if (osOpenDescriptorBeneath(s_directory.c_str(), FLT_RECORD_FILE_NAME, "a", &fd) != OS_OK) {
+    return FLT_ERROR_OPEN;
+  }
   int result = WriteLine(fd, line);
-  close(fd);
+  osCloseDescriptor(fd);
   return result;
 }
 
@@ -64,7 +51,7 @@ int FltDispatchInitTx() {
   char directory[4096];
   if (osGetPath(OS_PATH_LOG, directory, sizeof directory) != OS_OK) return FLT_ERROR_PATH;
   try {
-    s_path = std::string(directory) + FLT_RECORD_FILE_NAME;
+    s_directory = directory;
   } catch (const std::bad_alloc&) {
     return FLT_ERROR_INTERNAL;
   }
@@ -110,9 +97,4 @@ const char* FltErrorText(int code) {
     default:
       return "unknown error";
   }
-}
-
-void FltSetWriteFunctionForTesting(FltWriteFunction function) {
-  std::lock_guard<std::mutex> lock(s_mutex);
-  s_write = function == nullptr ? RealWrite : function;
 }

@@ -124,10 +124,4 @@ int FltDispatchTerminate();
 // A short English description of a result code; never null; static.
 const char* FltErrorText(int code);
 
-// Tests only: replaces the write(2) that stores a line (null restores it).
-// The replacement gets the descriptor, the line and its length and returns
-// the count stored or -1.
-using FltWriteFunction = long (*)(int fd, const void* data, size_t length);
-void FltSetWriteFunctionForTesting(FltWriteFunction function);
-
 #endif  // KESTRIN_FLT_FLT_RECORD_H_

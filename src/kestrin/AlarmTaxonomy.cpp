@@ -132,14 +132,6 @@ constexpr StateWord STATE_WORDS[] = {
     {"YELLOW_WINK", YELLOW, WINK},
 };
 
-// Writes one byte to the open device and closes it; false when the write
-// failed (the stream is closed either way).
-bool WriteByteAndClose(FILE* device, unsigned char byte) {
-  bool ok = fputc(byte, device) != EOF && fflush(device) == 0 && !ferror(device);
-  ok = (fclose(device) == 0) && ok;
-  return ok;
-}
-
 }  // namespace
 
 EventMap::EventMap()
@@ -260,15 +252,11 @@ bool LED_Controller::setLEDState(LED_Colour colour, LED_States state) {
 
   // The driver is told one byte per open: first switch the other colour's
   // nibble off (bit 3 alone), then write the state.
-  FILE* stream = fopen(path, "wb");
-  if (stream == nullptr) return false;
   if (colour == RED || colour == GREEN) {
     const LED_Colour other = colour == RED ? GREEN : RED;
-    if (!WriteByteAndClose(stream, static_cast<unsigned char>(8u << other))) return false;
-    stream = fopen(path, "wb");
-    if (stream == nullptr) return false;
+    if (osWriteDeviceByte(path, static_cast<unsigned char>(8u << other)) != OS_OK) return false;
   }
-  return WriteByteAndClose(stream, StateByte(colour, state));
+  return osWriteDeviceByte(path, StateByte(colour, state)) == OS_OK;
 }
 
 int sendToAlarmSet(bool alarmSet, const tKesAddLogMessage* request, int32_t eventId,

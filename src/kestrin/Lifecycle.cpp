@@ -1,8 +1,6 @@
 #include "kestrin/Lifecycle.h"
 
-#include <pthread.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -69,18 +67,13 @@ void OnInterrupt(int) { graceful_quit = 1; }
 void OnQuit(int) { abortive_quit = 1; }
 
 // SIGHUP, SIGINT and SIGQUIT sent to the process must interrupt the main
-// thread's receive, not land on another thread. The platform layer has no
-// call for a thread's signal mask, hence pthread_sigmask: the signals are
-// blocked while the daemon's threads are created (they inherit the mask and
-// keep it) and unblocked on the main thread afterwards; one arriving
-// meanwhile stays pending and is taken then.
+// thread's receive, not land on another thread: the signals are blocked
+// while the daemon's threads are created (they inherit the mask and keep
+// it) and unblocked on the main thread afterwards; one arriving meanwhile
+// stays pending and is taken then.
 void SetLoopSignalsBlocked(bool blocked) {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGHUP);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGQUIT);
-  pthread_sigmask(blocked ? SIG_BLOCK : SIG_UNBLOCK, &signals, nullptr);
+  static const int LOOP_SIGNALS[] = {SIGHUP, SIGINT, SIGQUIT};
+  osBlockSignals(LOOP_SIGNALS, 3, blocked ? 1 : 0);
 }
 
 void InstallHandler(int signalNumber, tOsSignalHandler handler, const char* name) {
@@ -162,7 +155,7 @@ void SetConfigDirectory(const char* value, const CommandLine& line) {
   Report(KES_SEVERITY_INFO, "ConfigDirectoryName " + ConfigDirectoryName);
 }
 
-[[noreturn]] void SendAndExit(bool (*send)()) { exit(send() ? 0 : 1); }
+[[noreturn]] void SendAndExit(bool (*sendRequest)()) { exit(sendRequest() ? 0 : 1); }
 
 // Handles one argument at `*index` (advancing it past a consumed value).
 void ParseArgument(int argc, char** argv, int* index, CommandLine* line) {
@@ -399,7 +392,7 @@ void clean_up(int /*queueId*/, int reason, const char* text) {
   if (KestrinsRoleType != ROLE_AGENT) FltDispatchTerminate();
   // No static destructors: other threads may still be running, and the
   // queue, semaphore and shared memory must stay for clients and a restart.
-  _exit(0);
+  osExitNow(0);
 }
 
 int kestrin_main(int argc, char** argv) {

@@ -1,6 +1,5 @@
 #include "kestrin/RequestLoop.h"
 
-#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -295,7 +294,7 @@ void EndOfLoop() {
   if (graceful_quit) LogInfo("Kestrin detected a pending kill of itself. Cleaning up.");
   if (abortive_quit) {
     osSyslog(OS_LOG_CRIT, "%s", "Kestrin: Abort requested");
-    _exit(1);
+    osExitNow(1);
   }
 }
 
@@ -303,7 +302,7 @@ void EndOfLoop() {
 
 [[noreturn]] void ExitAfterQueueFailure(const std::string& text) {
   LogKestrinMessage(KES_SEVERITY_ERROR, text, NO_EVENT_ID);
-  _exit(1);
+  osExitNow(1);
 }
 
 int QueueKeyOf(char projectId) {
@@ -531,7 +530,7 @@ void createKestrinsQueue() {
   if (!InitializeSharedMemory()) {
     LogError("unable to initialize shared memory");
     osSyslog(OS_LOG_CRIT, "%s", "Kestrin unable to initialize shared memory");
-    _exit(1);
+    osExitNow(1);
   }
   const int key = QueueKeyOf(QueueKey);
   int queueId = -1;

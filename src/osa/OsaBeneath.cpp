@@ -130,9 +130,13 @@ int MissingLast(int error) {
 
 }  // namespace
 
-int osOpenFileBeneath(const char* directory, const char* path, const char* mode, tOsFile* file) {
+namespace {
+
+// Opens `path` beneath `directory` with `mode`'s flags; the descriptor, or
+// an error value.
+int OpenBeneath(const char* directory, const char* path, const char* mode, int* descriptor) {
   int flags = 0;
-  if (file == nullptr || !OpenFlags(mode, &flags)) return OS_ERROR_INVALID_PARAMETER;
+  if (!OpenFlags(mode, &flags)) return OS_ERROR_INVALID_PARAMETER;
   Descriptor parent;
   std::string last;
   int error = 0;
@@ -148,6 +152,17 @@ int osOpenFileBeneath(const char* directory, const char* path, const char* mode,
     close(fd);
     return osa_internal::combined_error(OS_ERROR_IS_DIRECTORY, EISDIR);
   }
+  *descriptor = fd;
+  return OS_OK;
+}
+
+}  // namespace
+
+int osOpenFileBeneath(const char* directory, const char* path, const char* mode, tOsFile* file) {
+  if (file == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  int fd = -1;
+  int result = OpenBeneath(directory, path, mode, &fd);
+  if (result != OS_OK) return result;
   FILE* stream = fdopen(fd, mode);
   if (stream == nullptr) {
     int fdopenError = errno;
@@ -159,7 +174,25 @@ int osOpenFileBeneath(const char* directory, const char* path, const char* mode,
   return OS_OK;
 }
 
+int osOpenDescriptorBeneath(const char* directory, const char* path, const char* mode, long* fd) {
+  if (fd == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  const tOsaOverrides* overrides = osa_internal::installed_overrides();
+  if (overrides != nullptr && overrides->openDescriptor != nullptr) {
+    int result = overrides->openDescriptor(directory, path, mode, fd);
+    if (result != OSA_CALL_REAL) return result;
+  }
+  int descriptor = -1;
+  int result = OpenBeneath(directory, path, mode, &descriptor);
+  if (result == OS_OK) *fd = descriptor;
+  return result;
+}
+
 int osMakeDirBeneath(const char* directory, const char* path) {
+  const tOsaOverrides* overrides = osa_internal::installed_overrides();
+  if (overrides != nullptr && overrides->makeDir != nullptr) {
+    int result = overrides->makeDir(directory, path);
+    if (result != OSA_CALL_REAL) return result;
+  }
   Descriptor parent;
   std::string last;
   int error = 0;

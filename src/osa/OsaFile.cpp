@@ -1,6 +1,7 @@
 // Files and directories: stdio streams behind tOsFile handles, and the
 // directory operations that the rolling files need.
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -42,6 +43,11 @@ int osCloseFile(tOsFile file) {
 
 int osMakeDir(const char* path) {
   if (path == nullptr || path[0] == '\0') return OS_ERROR_INVALID_PARAMETER;
+  const tOsaOverrides* overrides = osa_internal::installed_overrides();
+  if (overrides != nullptr && overrides->makeDir != nullptr) {
+    int result = overrides->makeDir(nullptr, path);
+    if (result != OSA_CALL_REAL) return result;
+  }
   if (mkdir(path, 0777) == 0) return OS_OK;
   // The directory itself cannot be missing: ENOENT means its parent is.
   if (errno == ENOENT) return OS_ERROR_PATH_NOT_FOUND;
@@ -66,4 +72,91 @@ int osMoveFile(const char* from, const char* to) {
   struct stat info;
   if (lstat(from, &info) != 0) return osa_internal::file_error_for_path(ENOENT, from);
   return OS_ERROR_PATH_NOT_FOUND;
+}
+
+int osWriteDescriptor(long fd, const void* data, size_t length, size_t* written) {
+  if (data == nullptr && length > 0) return OS_ERROR_INVALID_PARAMETER;
+  const tOsaOverrides* overrides = osa_internal::installed_overrides();
+  if (overrides != nullptr && overrides->writeDescriptor != nullptr) {
+    int result = overrides->writeDescriptor(fd, data, length, written);
+    if (result != OSA_CALL_REAL) return result;
+  }
+  size_t done = 0;
+  int result = OS_OK;
+  while (done < length) {
+    ssize_t n = write(static_cast<int>(fd), static_cast<const char*>(data) + done, length - done);
+    if (n > 0) {
+      done += static_cast<size_t>(n);
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else {
+      const int error = n == 0 ? EIO : errno;
+      result = osa_internal::combined_error(osa_internal::file_error_from_errno(error), error);
+      break;
+    }
+  }
+  if (written != nullptr) *written = done;
+  return result;
+}
+
+int osWriteDescriptorOnce(long fd, const void* data, size_t length, size_t* written) {
+  if (data == nullptr && length > 0) return OS_ERROR_INVALID_PARAMETER;
+  const tOsaOverrides* overrides = osa_internal::installed_overrides();
+  if (overrides != nullptr && overrides->writeDescriptor != nullptr) {
+    int result = overrides->writeDescriptor(fd, data, length, written);
+    if (result != OSA_CALL_REAL) return result;
+  }
+  ssize_t n;
+  do {
+    n = write(static_cast<int>(fd), data, length);
+  } while (n < 0 && errno == EINTR);
+  if (n < 0) {
+    if (written != nullptr) *written = 0;
+    return osa_internal::combined_error(osa_internal::file_error_from_errno(errno), errno);
+  }
+  if (written != nullptr) *written = static_cast<size_t>(n);
+  return OS_OK;
+}
+
+int osSyncDescriptor(long fd) {
+  const tOsaOverrides* overrides = osa_internal::installed_overrides();
+  if (overrides != nullptr && overrides->syncDescriptor != nullptr) {
+    int result = overrides->syncDescriptor(fd);
+    if (result != OSA_CALL_REAL) return result;
+  }
+  if (fsync(static_cast<int>(fd)) == 0) return OS_OK;
+  return osa_internal::combined_error(osa_internal::file_error_from_errno(errno), errno);
+}
+
+int osDescriptorInfo(long fd, unsigned long long* size, int* isDirectory) {
+  if (size == nullptr || isDirectory == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  struct stat info;
+  if (fstat(static_cast<int>(fd), &info) != 0) {
+    return osa_internal::combined_error(osa_internal::file_error_from_errno(errno), errno);
+  }
+  *size = static_cast<unsigned long long>(info.st_size);
+  *isDirectory = S_ISDIR(info.st_mode) ? 1 : 0;
+  return OS_OK;
+}
+
+int osCloseDescriptor(long fd) {
+  if (close(static_cast<int>(fd)) == 0) return OS_OK;
+  return osa_internal::combined_error(osa_internal::file_error_from_errno(errno), errno);
+}
+
+int osWriteDeviceByte(const char* path, unsigned char byte) {
+  if (path == nullptr || path[0] == '\0') return OS_ERROR_INVALID_PARAMETER;
+  int fd;
+  do {
+    fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) return osa_internal::file_error_for_path(errno, path);
+  ssize_t n;
+  do {
+    n = write(fd, &byte, 1);
+  } while (n < 0 && errno == EINTR);
+  const int writeError = n == 1 ? 0 : (n < 0 ? errno : EIO);
+  const bool closed = close(fd) == 0;
+  if (writeError != 0) return osa_internal::file_error_from_errno(writeError);
+  return closed ? OS_OK : osa_internal::file_error_from_errno(errno);
 }

@@ -11,9 +11,11 @@
 #include <limits.h>
 #include <pthread.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <map>
@@ -170,4 +172,78 @@ int osGetProcessState(const char* name, int* state) {
   }
   pthread_mutex_unlock(&g_claimsLock);
   return rc;
+}
+
+int osRunShellCommand(const char* command) {
+  if (command == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  const tOsaOverrides* overrides = osa_internal::installed_overrides();
+  if (overrides != nullptr && overrides->runShellCommand != nullptr) {
+    int result = overrides->runShellCommand(command);
+    if (result != OSA_CALL_REAL) return result;
+  }
+  return system(command);
+}
+
+void osExitNow(int status) { _exit(status); }
+
+namespace {
+
+// The original process's side of a detach: waits until the child reports
+// ready (one byte) or ends, and gives the exit status to end with.
+int wait_for_readiness(int readFd, pid_t child, const char* name) {
+  char byte = 0;
+  ssize_t n;
+  do {
+    n = read(readFd, &byte, 1);
+  } while (n < 0 && errno == EINTR);
+  if (n == 1) return 0;
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  int code = 1;
+  if (WIFEXITED(status) && WEXITSTATUS(status) != 0) code = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) code = 128 + WTERMSIG(status);
+  fprintf(stderr, "%s: the background process ended before it was ready\n", name);
+  return code;
+}
+
+}  // namespace
+
+int osDetachProcess(const char* name, long* readyHandle) {
+  if (name == nullptr || readyHandle == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  // Buffered output would otherwise be written by both processes.
+  fflush(nullptr);
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) return osa_internal::combined_error(OS_ERROR_GENERAL, errno);
+  pid_t child = fork();
+  if (child < 0) {
+    const int error = errno;
+    close(fds[0]);
+    close(fds[1]);
+    return osa_internal::combined_error(OS_ERROR_GENERAL, error);
+  }
+  if (child > 0) {
+    close(fds[1]);
+    // _exit: the child owns the process's resources from now on; running
+    // static destructors or atexit handlers here would tear them down.
+    _exit(wait_for_readiness(fds[0], child, name));
+  }
+  close(fds[0]);
+  setsid();
+  *readyHandle = fds[1];
+  return OS_OK;
+}
+
+int osReportReady(long readyHandle, int ready) {
+  int result = OS_OK;
+  if (ready) {
+    const char byte = 'R';
+    ssize_t n;
+    do {
+      n = write(static_cast<int>(readyHandle), &byte, 1);
+    } while (n < 0 && errno == EINTR);
+    if (n != 1) result = osa_internal::combined_error(OS_ERROR_GENERAL, n < 0 ? errno : EIO);
+  }
+  close(static_cast<int>(readyHandle));
+  return result;
 }

@@ -1,15 +1,8 @@
-// System V IPC (the daemon's request queue and the registration semaphore),
-// the time of day, the system log and signal handlers.
+// System V IPC: the daemon's request queue and the registration semaphore.
 #include <errno.h>
-#include <signal.h>
-#include <stdarg.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
-#include <sys/time.h>
-#include <syslog.h>
 
 #include <vector>
 
@@ -161,57 +154,4 @@ int osSysVSemaphoreAdd(int semaphoreId, int delta) {
 int osSysVSemaphoreRemove(int semaphoreId) {
   if (semctl(semaphoreId, 0, IPC_RMID) != 0) return sysv_error(errno);
   return OS_OK;
-}
-
-int osGetTimeOfDay(long* seconds, long* microseconds) {
-  if (seconds == nullptr || microseconds == nullptr) return OS_ERROR_INVALID_PARAMETER;
-  const tOsaOverrides* overrides = osa_internal::installed_overrides();
-  if (overrides != nullptr && overrides->timeOfDay != nullptr) {
-    int result = overrides->timeOfDay(seconds, microseconds);
-    if (result != OSA_CALL_REAL) return result;
-  }
-  timeval now{};
-  if (gettimeofday(&now, nullptr) != 0) return osa_internal::combined_error(OS_ERROR_GENERAL, errno);
-  *seconds = now.tv_sec;
-  *microseconds = now.tv_usec;
-  return OS_OK;
-}
-
-void osOpenSyslog(const char* ident) { openlog(ident, LOG_CONS, LOG_DAEMON); }
-
-void osCloseSyslog(void) { closelog(); }
-
-void osSyslog(int priority, const char* format, ...) {
-  char text[2048];
-  va_list args;
-  va_start(args, format);
-  vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  const tOsaOverrides* overrides = osa_internal::installed_overrides();
-  if (overrides != nullptr && overrides->syslog != nullptr &&
-      overrides->syslog(priority, text) != OSA_CALL_REAL) {
-    return;
-  }
-  syslog(priority, "%s", text);
-}
-
-int osSetSignalHandler(int signalNumber, tOsSignalHandler handler) {
-  struct sigaction action {};
-  sigemptyset(&action.sa_mask);
-  action.sa_flags = 0;
-  action.sa_handler = handler;
-  if (sigaction(signalNumber, &action, nullptr) != 0) {
-    return osa_internal::combined_error(OS_ERROR_INVALID_PARAMETER, errno);
-  }
-  return OS_OK;
-}
-
-int osRunShellCommand(const char* command) {
-  if (command == nullptr) return OS_ERROR_INVALID_PARAMETER;
-  const tOsaOverrides* overrides = osa_internal::installed_overrides();
-  if (overrides != nullptr && overrides->runShellCommand != nullptr) {
-    int result = overrides->runShellCommand(command);
-    if (result != OSA_CALL_REAL) return result;
-  }
-  return system(command);
 }

@@ -8,6 +8,7 @@
 #include <pthread.h>
 #include <stdlib.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -190,4 +191,18 @@ unsigned long osGetClock(void) {
   const unsigned long real = static_cast<unsigned long>(now.tv_sec) * 1000UL +
                              static_cast<unsigned long>(now.tv_nsec / 1000000L);
   return real * osGetTestTimeScale();
+}
+
+int osGetTimeOfDay(long* seconds, long* microseconds) {
+  if (seconds == nullptr || microseconds == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  const tOsaOverrides* overrides = osa_internal::installed_overrides();
+  if (overrides != nullptr && overrides->timeOfDay != nullptr) {
+    int result = overrides->timeOfDay(seconds, microseconds);
+    if (result != OSA_CALL_REAL) return result;
+  }
+  timeval now{};
+  if (gettimeofday(&now, nullptr) != 0) return osa_internal::combined_error(OS_ERROR_GENERAL, errno);
+  *seconds = now.tv_sec;
+  *microseconds = now.tv_usec;
+  return OS_OK;
 }

@@ -201,6 +201,11 @@ int osDeleteFile(const char* path);
  * either does not. */
 int osMoveFile(const char* from, const char* to);
 
+/* Opens the device (or file) `path` for writing (created when missing,
+ * truncated), writes the one byte `byte` and closes it again: the way an
+ * LED driver is told a new state. OS_OK only when all three worked. */
+int osWriteDeviceByte(const char* path, unsigned char byte);
+
 /* ---- Files confined to one directory ---------------------------------- */
 
 /* The calls below take a `path` relative to `directory` and never act outside
@@ -231,6 +236,32 @@ int osFileExistsBeneath(const char* directory, const char* path);
 /* The stdio stream behind a handle of osOpenFile or osOpenFileBeneath, for
  * callers that format into it; it stays owned by the handle. */
 FILE* osFileStream(tOsFile file);
+
+/* ---- Files written by descriptor ------------------------------------- */
+/* For writers that keep their own buffer (the rolling files): no stdio
+ * stream in between, every write goes straight to the kernel. Failures are
+ * error values for osGetSpecificErrorCode (general code in the low 16 bits,
+ * the errno behind it above), so that the caller can tell exactly why;
+ * invalid arguments give plain OS_ERROR_INVALID_PARAMETER. */
+
+/* Opens `path` beneath `directory` as osOpenFileBeneath does (fopen modes;
+ * "a" and "a+" append, "w" truncates) and gives the descriptor. */
+int osOpenDescriptorBeneath(const char* directory, const char* path, const char* mode, long* fd);
+/* Writes all `length` bytes, resuming after partial writes and signals;
+ * `*written` (may be null) receives how many reached the file, also on
+ * failure. */
+int osWriteDescriptor(long fd, const void* data, size_t length, size_t* written);
+/* One write(2) of `length` bytes (repeated only when a signal interrupted
+ * it before anything was stored): with a descriptor opened to append, the
+ * bytes land together, never interleaved with another writer's. `*written`
+ * receives how many were stored, which may be fewer than asked. */
+int osWriteDescriptorOnce(long fd, const void* data, size_t length, size_t* written);
+/* fsync. */
+int osSyncDescriptor(long fd);
+/* The size of the open file and whether it is a directory. */
+int osDescriptorInfo(long fd, unsigned long long* size, int* isDirectory);
+/* Closes the descriptor. */
+int osCloseDescriptor(long fd);
 
 /* ---- Shared memory ----------------------------------------------------- */
 
@@ -497,6 +528,21 @@ int osSysVSemaphoreRemove(int semaphoreId);
  * shell's wait status, or -1 when no shell could be started. */
 int osRunShellCommand(const char* command);
 
+/* Ends the process at once with `status`: no static destructors, no atexit
+ * handlers, no stdio flush. */
+void osExitNow(int status) __attribute__((noreturn));
+
+/* Goes into the background: forks, and the original process waits until
+ * the child reports with osReportReady (or ends) and then exits, with 0
+ * when the child was ready, else with the child's status (and a line on
+ * standard error naming `name`). Only the child returns, in a session of its
+ * own, with the handle to report through in `*readyHandle`. */
+int osDetachProcess(const char* name, long* readyHandle);
+
+/* Tells the waiting original process that start-up is complete (`ready`
+ * non-zero) or has failed (zero), and releases the handle. */
+int osReportReady(long readyHandle, int ready);
+
 /* ---- Signals ------------------------------------------------------------ */
 
 typedef void (*tOsSignalHandler)(int signalNumber);
@@ -504,6 +550,14 @@ typedef void (*tOsSignalHandler)(int signalNumber);
 /* sigaction with an empty mask and no flags (no SA_RESTART, so a signal
  * interrupts a blocking queue receive). */
 int osSetSignalHandler(int signalNumber, tOsSignalHandler handler);
+
+/* Blocks (`block` non-zero) or unblocks the `count` signals in `signals` for
+ * the calling thread; threads created afterwards inherit its mask. */
+int osBlockSignals(const int* signals, int count, int block);
+
+/* Waits until one of the `count` signals (blocked in every thread) is
+ * pending and takes it: its number goes to `*signalNumber`. */
+int osWaitForSignal(const int* signals, int count, int* signalNumber);
 
 /* ---- Fault injection (tests) ------------------------------------------- */
 
@@ -532,6 +586,14 @@ typedef struct tOsaOverrides {
   int (*getPath)(int kind, char* out, size_t outSize);
   /* Replaces osRunShellCommand when set. */
   int (*runShellCommand)(const char* command);
+  /* Descriptor files: a full or read-only disk, a failing sync.
+   * writeDescriptor stands for both osWriteDescriptor and
+   * osWriteDescriptorOnce. */
+  int (*openDescriptor)(const char* directory, const char* path, const char* mode, long* fd);
+  int (*writeDescriptor)(long fd, const void* data, size_t length, size_t* written);
+  int (*syncDescriptor)(long fd);
+  /* Directories: osMakeDir and osMakeDirBeneath. */
+  int (*makeDir)(const char* directory, const char* path);
 } tOsaOverrides;
 
 void osSetOverrides(const tOsaOverrides* overrides);

@@ -13,17 +13,10 @@
 // inherits the block and the kernel holds the signal for the one thread that
 // waits for it with sigwait: the callback then runs on that thread, outside
 // any signal handler, and may do real work (the daemon's clean-up).
-//
-// The platform layer offers no fork, pipe or signal-mask calls; they are
-// made here directly, in this file only.
-#include <errno.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <systemd/sd-daemon.h>
-#include <unistd.h>
 
 #include <mutex>
 #include <string>
@@ -41,7 +34,7 @@ enum class ServiceState { NOT_STARTED, STARTED, READY, STOPPED };
 struct Service {
   ServiceState state = ServiceState::NOT_STARTED;
   bool underManager = false;  // NOTIFY_SOCKET was set at start
-  int readyFd = -1;           // after a fork: the readiness pipe; -1 once used
+  long readyHandle = -1;      // after a detach: where to report readiness; -1 once used
   QrtServiceTerminationCallback callback = nullptr;
   int stopTimeoutSeconds = 0;
   std::string name;
@@ -55,47 +48,10 @@ bool under_service_manager() {
   return socket != nullptr && socket[0] != '\0';
 }
 
-// The original process's side of a detach: the exit status to end with.
-int wait_for_readiness(int readFd, pid_t child, const char* name) {
-  char byte = 0;
-  ssize_t n;
-  do {
-    n = read(readFd, &byte, 1);
-  } while (n < 0 && errno == EINTR);
-  if (n == 1) return 0;
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  int code = 1;
-  if (WIFEXITED(status) && WEXITSTATUS(status) != 0) code = WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) code = 128 + WTERMSIG(status);
-  fprintf(stderr, "%s: the background process ended before it was ready\n", name);
-  return code;
-}
-
-// Forks; only the child returns (QRT_OK, holding the pipe's write end in
-// g_service.readyFd), in a session of its own.
+// Goes into the background; only the child returns (QRT_OK, holding the
+// readiness handle), in a session of its own.
 int detach(const char* name) {
-  // Buffered output would otherwise be written by both processes.
-  fflush(nullptr);
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) return QRT_ERROR_SYSTEM;
-  pid_t child = fork();
-  if (child < 0) {
-    close(fds[0]);
-    close(fds[1]);
-    return QRT_ERROR_SYSTEM;
-  }
-  if (child > 0) {
-    close(fds[1]);
-    // _exit: the child owns the process's resources from now on; running
-    // static destructors or atexit handlers here would tear them down.
-    _exit(wait_for_readiness(fds[0], child, name));
-  }
-  close(fds[0]);
-  setsid();
-  g_service.readyFd = fds[1];
-  return QRT_OK;
+  return osDetachProcess(name, &g_service.readyHandle) == OS_OK ? QRT_OK : QRT_ERROR_SYSTEM;
 }
 
 // Ends the process when a termination request has not ended it in time.
@@ -105,17 +61,16 @@ void stop_watchdog(void*) {
           g_service.name.c_str(), g_service.stopTimeoutSeconds);
   osSyslog(OS_LOG_CRIT, "%s: still running %d s after a termination request; ending it",
            g_service.name.c_str(), g_service.stopTimeoutSeconds);
-  _exit(1);
+  osExitNow(1);
 }
 
+const int TERMINATION_SIGNALS[] = {SIGTERM};
+
 void termination_thread(void*) {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
   bool watchdogStarted = false;
   for (;;) {
     int signalNumber = 0;
-    if (sigwait(&signals, &signalNumber) != 0) continue;
+    if (osWaitForSignal(TERMINATION_SIGNALS, 1, &signalNumber) != OS_OK) continue;
     if (!watchdogStarted && g_service.stopTimeoutSeconds > 0) {
       watchdogStarted = true;
       osCreateTask("QrtStopWatchdog", 0, 0, stop_watchdog, nullptr, nullptr);
@@ -125,10 +80,7 @@ void termination_thread(void*) {
 }
 
 int start_termination_thread() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) return QRT_ERROR_SYSTEM;
+  if (osBlockSignals(TERMINATION_SIGNALS, 1, 1) != OS_OK) return QRT_ERROR_SYSTEM;
   if (osCreateTask("QrtTermination", 0, 0, termination_thread, nullptr, nullptr) != OS_OK) {
     return QRT_ERROR_SYSTEM;
   }
@@ -160,15 +112,10 @@ int service_initialized() {
   if (g_service.state != ServiceState::STARTED) return QRT_ERROR_INVALID_STATE;
   if (g_service.underManager) {
     if (sd_notify(0, "READY=1") < 0) return QRT_ERROR_SYSTEM;
-  } else if (g_service.readyFd >= 0) {
-    char byte = 'R';
-    ssize_t n;
-    do {
-      n = write(g_service.readyFd, &byte, 1);
-    } while (n < 0 && errno == EINTR);
-    close(g_service.readyFd);
-    g_service.readyFd = -1;
-    if (n != 1) return QRT_ERROR_SYSTEM;
+  } else if (g_service.readyHandle >= 0) {
+    const int result = osReportReady(g_service.readyHandle, 1);
+    g_service.readyHandle = -1;
+    if (result != OS_OK) return QRT_ERROR_SYSTEM;
   }
   g_service.state = ServiceState::READY;
   return QRT_OK;
@@ -180,10 +127,10 @@ int stop_service() {
     return QRT_ERROR_INVALID_STATE;
   }
   g_service.state = ServiceState::STOPPED;
-  if (g_service.readyFd >= 0) {
+  if (g_service.readyHandle >= 0) {
     // Start-up never completed: the waiting original process reports it.
-    close(g_service.readyFd);
-    g_service.readyFd = -1;
+    osReportReady(g_service.readyHandle, 0);
+    g_service.readyHandle = -1;
   }
   if (g_service.underManager && sd_notify(0, "STOPPING=1") < 0) return QRT_ERROR_SYSTEM;
   return QRT_OK;

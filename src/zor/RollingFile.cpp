@@ -1,10 +1,8 @@
 #include "zor/RollingFile.h"
 
 #include <errno.h>
-#include <stdlib.h>
+#include <stdio.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "osa/osa.h"
 #include "zor/Scoped.h"
@@ -21,10 +19,6 @@ constexpr unsigned long LEVEL_ERROR = 1;
 constexpr unsigned long LEVEL_INFO = 4;
 
 
-// Bytes buffered per open file before the stream writes them out. Every
-// write is a system call, an expensive one on some kernels; the timer
-// tick's flush bounds how long a line stays in the buffer, whatever its size.
-constexpr size_t STREAM_BUFFER_SIZE = 16384;
 
 std::string number_text(long value) { return std::to_string(value); }
 
@@ -51,7 +45,7 @@ std::string ShellWord(const std::string& name) {
 
 RollingFile::RollingFile(const char* pathName)
     : pathName_(pathName == nullptr ? "" : pathName),
-      file_(nullptr),
+      fd_(-1),
       lastOpenAttempt_(0),
       mayOpen_(true),
       skipReported_(false),
@@ -63,7 +57,7 @@ RollingFile::RollingFile(const char* pathName)
 RollingFile::~RollingFile() { Close(); }
 
 void RollingFile::SetPathName(const char* pathName) {
-  if (file_ != nullptr) return;
+  if (fd_ >= 0) return;
   const char* name = pathName == nullptr ? "" : pathName;
   if (pathName_ != name) {
     pathName_ = name;
@@ -92,32 +86,81 @@ std::string RollingFile::relativeName(const std::string& name) const {
 }
 
 int RollingFile::VPrintf(const char* format, va_list args) {
-  FILE* stream = getFilePointer();
-  if (stream == nullptr) return -1;
-  int count = vfprintf(stream, format, args);
+  if (!getFilePointer()) return -1;
+  // Formatted straight into the buffer when it fits; otherwise the buffer
+  // is written out first and the text formatted again, there or (longer
+  // than the whole buffer) on the heap.
+  va_list again;
+  va_copy(again, args);
+  const size_t room = STREAM_BUFFER_SIZE - buffered_;
+  const int count = vsnprintf(streamBuffer_.get() + buffered_, room, format, args);
   if (count < 0) {
-    int error = errno;
-    Close();
-    report(LEVEL_ERROR, "Error " + number_text(error) + " trying to write to file " + pathName_);
+    va_end(again);
+    failWrite(errno);
     return count;
   }
+  const size_t length = static_cast<size_t>(count);
+  bool written = true;
+  if (length < room) {
+    buffered_ += length;
+  } else if (!writeOutBuffer()) {
+    written = false;
+  } else if (length < STREAM_BUFFER_SIZE) {
+    vsnprintf(streamBuffer_.get(), STREAM_BUFFER_SIZE, format, again);
+    buffered_ = length;
+  } else {
+    std::unique_ptr<char[]> text(new char[length + 1]);
+    vsnprintf(text.get(), length + 1, format, again);
+    written = writeThrough(text.get(), length);
+  }
+  va_end(again);
+  if (!written) return -1;
   unflushed_ = true;
-  incFileSizeBy(static_cast<unsigned long>(count));
+  incFileSizeBy(length);
   return count;
 }
 
 int RollingFile::Write(const char* data, size_t length) {
-  FILE* stream = getFilePointer();
-  if (stream == nullptr) return -1;
-  if (fwrite(data, 1, length, stream) != length) {
-    int error = errno;
-    Close();
-    report(LEVEL_ERROR, "Error " + number_text(error) + " trying to write to file " + pathName_);
+  if (!getFilePointer()) return -1;
+  if (length <= STREAM_BUFFER_SIZE - buffered_) {
+    memcpy(streamBuffer_.get() + buffered_, data, length);
+    buffered_ += length;
+  } else if (!writeOutBuffer()) {
+    return -1;
+  } else if (length < STREAM_BUFFER_SIZE) {
+    memcpy(streamBuffer_.get(), data, length);
+    buffered_ = length;
+  } else if (!writeThrough(data, length)) {
     return -1;
   }
   unflushed_ = true;
   incFileSizeBy(length);
   return static_cast<int>(length);
+}
+
+bool RollingFile::getFilePointer() {
+  if (fd_ >= 0) return true;
+  return openFile("a+");
+}
+
+bool RollingFile::writeOutBuffer() {
+  if (buffered_ == 0) return true;
+  const bool written = writeThrough(streamBuffer_.get(), buffered_);
+  buffered_ = 0;
+  return written;
+}
+
+bool RollingFile::writeThrough(const char* data, size_t length) {
+  int result = osWriteDescriptor(fd_, data, length, nullptr);
+  if (result == OS_OK) return true;
+  failWrite(osGetSpecificErrorCode(result));
+  return false;
+}
+
+void RollingFile::failWrite(int error) {
+  buffered_ = 0;  // what could not be written is dropped with the file
+  Close();
+  report(LEVEL_ERROR, "Error " + number_text(error) + " trying to write to file " + pathName_);
 }
 
 int RollingFile::Printf(const char* format, ...) {
@@ -129,17 +172,21 @@ int RollingFile::Printf(const char* format, ...) {
 }
 
 void RollingFile::Close() {
-  if (file_ != nullptr) {
-    fclose(file_);
-    file_ = nullptr;
+  if (fd_ >= 0) {
+    // Like a stream's close: what is buffered is written, a failure is not
+    // reported.
+    if (buffered_ != 0) osWriteDescriptor(fd_, streamBuffer_.get(), buffered_, nullptr);
+    osCloseDescriptor(fd_);
+    fd_ = -1;
   }
+  buffered_ = 0;
   unflushed_ = false;
 }
 
 void RollingFile::RollOver() {
   if (rollingOver_) return;
   ScopedVarChange<bool> rolling(rollingOver_, true);
-  if (file_ == nullptr &&
+  if (fd_ < 0 &&
       osFileExistsBeneath(anchor().c_str(), relativeName(pathName_).c_str()) != OS_OK) {
     return;  // nothing to roll (or only a link, which is never rolled)
   }
@@ -155,11 +202,17 @@ void RollingFile::RollOver() {
 }
 
 void RollingFile::flushFile() {
-  if (file_ == nullptr) return;
-  if (fflush(file_) != 0 || fsync(fileno(file_)) != 0) {
-    int error = errno;
+  if (fd_ < 0) return;
+  int result = OS_OK;
+  if (buffered_ != 0) {
+    result = osWriteDescriptor(fd_, streamBuffer_.get(), buffered_, nullptr);
+    buffered_ = 0;
+  }
+  if (result == OS_OK) result = osSyncDescriptor(fd_);
+  if (result != OS_OK) {
     Close();
-    report(LEVEL_ERROR, "Error " + number_text(error) + " trying to flush file " + pathName_);
+    report(LEVEL_ERROR, "Error " + number_text(osGetSpecificErrorCode(result)) +
+                            " trying to flush file " + pathName_);
     return;
   }
   unflushed_ = false;
@@ -178,58 +231,58 @@ LogInterfaceHolder& RollingFile::GetLoggerMgr() {
   return holder;
 }
 
-FILE* RollingFile::openFile(const char* mode) {
+bool RollingFile::openFile(const char* mode) {
   const uint32_t now = static_cast<uint32_t>(osGetClock());
   if (!mayOpen_ && now - lastOpenAttempt_ <= OPEN_RETRY_INTERVAL) {
     if (!skipReported_) {
       skipReported_ = true;
       report(LEVEL_INFO, "Skipped opening of file " + pathName_ + " because of earlier error.");
     }
-    return nullptr;
+    return false;
   }
   mayOpen_ = false;
   skipReported_ = false;
   lastOpenAttempt_ = now;
   if (pathName_.empty()) {
     report(LEVEL_ERROR, "Error: Attempt to open file with empty pathname");
-    return nullptr;
+    return false;
   }
   if (pathName_.find("//") != std::string::npos) {
     report(LEVEL_ERROR, "Error: Attempt to open file with \"//\" in pathname");
-    return nullptr;
+    return false;
   }
   Close();
   const std::string base = anchor();
   const std::string relative = relativeName(pathName_);
-  tOsFile handle = 0;
-  int result = osOpenFileBeneath(base.c_str(), relative.c_str(), mode, &handle);
+  long fd = -1;
+  int result = osOpenDescriptorBeneath(base.c_str(), relative.c_str(), mode, &fd);
   if (result != OS_OK && osGetSpecificErrorCode(result) == ENOENT &&
       createDirectoriesInPathName()) {
-    result = osOpenFileBeneath(base.c_str(), relative.c_str(), mode, &handle);
+    result = osOpenDescriptorBeneath(base.c_str(), relative.c_str(), mode, &fd);
   }
   if ((result & 0xffff) == OS_ERROR_OUTSIDE_DIRECTORY) {
     report(LEVEL_ERROR, "Error: File " + pathName_ + " lies outside " + base +
                             " (a symbolic link or \"..\" on the way); not opened");
-    return nullptr;
+    return false;
   }
   if (result != OS_OK) {
     const int error = result == OS_ERROR_INVALID_PARAMETER ? EINVAL : osGetSpecificErrorCode(result);
     report(LEVEL_ERROR, "Error " + number_text(error) + " trying to open file " + pathName_);
-    return nullptr;
+    return false;
   }
-  file_ = osFileStream(handle);
+  fd_ = fd;
+  buffered_ = 0;
   if (!streamBuffer_) streamBuffer_.reset(new char[STREAM_BUFFER_SIZE]);
-  setvbuf(file_, streamBuffer_.get(), _IOFBF, STREAM_BUFFER_SIZE);
   if (!getFileStats()) {
     Close();
-    return nullptr;
+    return false;
   }
   mayOpen_ = true;
   report(LEVEL_INFO,
          "Opened file " + pathName_ + "; initial size " + number_text(currentSize_) + " bytes");
   // The report may have written into this file and rolled it over, which
-  // replaces the stream: hand out the current one.
-  return file_;
+  // replaced the descriptor: the file is open either way.
+  return fd_ >= 0;
 }
 
 bool RollingFile::createDirectoriesInPathName() {
@@ -264,18 +317,20 @@ bool RollingFile::createDirectoriesInPathName() {
 }
 
 bool RollingFile::getFileStats() {
-  struct stat info;
-  if (fstat(fileno(file_), &info) != 0) {
-    int error = errno;
-    report(LEVEL_ERROR, "Error " + number_text(error) + " trying to fstat file " + pathName_);
+  unsigned long long size = 0;
+  int isDirectory = 0;
+  int result = osDescriptorInfo(fd_, &size, &isDirectory);
+  if (result != OS_OK) {
+    report(LEVEL_ERROR, "Error " + number_text(osGetSpecificErrorCode(result)) +
+                            " trying to fstat file " + pathName_);
     return false;
   }
-  if (S_ISDIR(info.st_mode)) {
+  if (isDirectory != 0) {
     report(LEVEL_ERROR,
            "Error: Attempt to open directory " + pathName_ + "; only files may be opened");
     return false;
   }
-  currentSize_ = static_cast<uint32_t>(info.st_size);
+  currentSize_ = static_cast<uint32_t>(size);
   return true;
 }
 
@@ -337,11 +392,6 @@ std::string RollingFile::nameOfZippedOldLog(unsigned int number) const {
 
 std::string RollingFile::nameOfUnzippedOldLog(unsigned int number) const {
   return pathName_ + "." + std::to_string(number);
-}
-
-FILE* RollingFile::getFilePointer() {
-  if (file_ != nullptr) return file_;
-  return openFile("a+");
 }
 
 void RollingFile::incFileSizeBy(unsigned long count) {

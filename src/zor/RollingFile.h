@@ -91,7 +91,7 @@ class RollingFile : private NonCopyable {
   // close: an idle file costs no system call.
   void Flush();
 
-  bool IsOpen() const { return file_ != nullptr; }
+  bool IsOpen() const { return fd_ >= 0; }
   // Bytes in the current file, as counted since it was opened.
   uint32_t GetCurrentSize() const { return currentSize_; }
   bool HasUnflushedData() const { return unflushed_; }
@@ -102,9 +102,9 @@ class RollingFile : private NonCopyable {
   static LogInterfaceHolder& GetLoggerMgr();
 
  protected:
-  // Opens the path with the fopen `mode`, subject to the open rate limit.
-  // Returns the open stream or null; the stream is also kept as the file.
-  FILE* openFile(const char* mode);
+  // Opens the path with the fopen `mode` ("a+" appends, "w" truncates),
+  // subject to the open rate limit. True when the file is open.
+  bool openFile(const char* mode);
   // Creates the missing directories on the path (not the file itself).
   bool createDirectoriesInPathName();
   // Refuses a directory and takes the current size from the open stream.
@@ -117,8 +117,8 @@ class RollingFile : private NonCopyable {
   void archiveCurrentFile();
   std::string nameOfZippedOldLog(unsigned int number) const;
   std::string nameOfUnzippedOldLog(unsigned int number) const;
-  // The open stream, or the result of opening the path in append mode.
-  FILE* getFilePointer();
+  // Whether the file is open, opening it in append mode first when needed.
+  bool getFilePointer();
   // Counts `count` more bytes and rolls over when the maximum is reached.
   void incFileSizeBy(unsigned long count);
 
@@ -127,6 +127,11 @@ class RollingFile : private NonCopyable {
   // report of this object is already under way.
   void report(unsigned long level, const std::string& text);
   void deleteBackupFile(const std::string& name, bool* deleted);
+  // Writing the buffer, or `length` bytes past it, to the file; on failure
+  // the file is closed and the failure reported (failWrite), false.
+  bool writeOutBuffer();
+  bool writeThrough(const char* data, size_t length);
+  void failWrite(int error);
   // The directory every file operation starts from, and `name` (the path
   // name or a backup's) relative to it; a name that does not lie under it
   // is given whole, which the confined calls refuse.
@@ -136,7 +141,7 @@ class RollingFile : private NonCopyable {
 
   std::string pathName_;
   std::string directory_;     // the containing directory; empty: the file's own
-  FILE* file_;                // null while closed
+  long fd_;                   // the file's descriptor; -1 while closed
   uint32_t lastOpenAttempt_;  // osGetClock at the last open attempt
   bool mayOpen_;              // false after a failed open: attempts are rate-limited
   bool skipReported_;         // the skip notice for the current failure was given
@@ -144,11 +149,14 @@ class RollingFile : private NonCopyable {
   uint32_t currentSize_;      // bytes in the current file
   bool reportingError_;       // a report is under way: further reports are dropped
   bool rollingOver_;          // a roll-over is under way: no second one starts
-  // The stream's buffer, made at the first open and kept for every later
-  // stream of this object; larger than the default so that a busy file costs
-  // fewer write calls. Outlives file_ (it is released after the destructor
-  // has closed the stream).
+  // Bytes buffered per open file before they are written out. Every write
+  // is a system call, an expensive one on some kernels; the timer tick's
+  // flush bounds how long a line stays in the buffer, whatever its size.
+  static constexpr size_t STREAM_BUFFER_SIZE = 16384;
+  // The buffer, made at the first open and kept for every later opening of
+  // this object; buffered_ bytes of it wait to be written.
   std::unique_ptr<char[]> streamBuffer_;
+  size_t buffered_ = 0;
 };
 
 }  // namespace Zor

@@ -1,12 +1,10 @@
-// Zor::RollingFile failure paths, each provoked for real: refused paths,
-// unopenable files and the open rate limit, full and read-only filesystems
-// (small tmpfs mounts, skipped where mounting is not permitted), streams that
-// cannot be synced, backups that are directories, and a compression command
-// the shell rejects.
+// Zor::RollingFile failure paths: refused paths, unopenable files and the
+// open rate limit, backups that are directories and a compression command
+// the shell rejects are provoked for real; full and read-only disks and
+// failing syncs are injected through the platform layer's overrides.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,36 +18,37 @@
 namespace rolling_file_test {
 namespace {
 
-// A small tmpfs mounted on a fresh directory for the life of the object.
-class TinyFilesystem {
- public:
-  TinyFilesystem(const std::string& directory, unsigned long flags) : directory_(directory) {
-    std::filesystem::create_directory(directory_);
-    mounted_ = mount("tmpfs", directory_.c_str(), "tmpfs", flags, "size=16k") == 0;
-  }
-  ~TinyFilesystem() {
-    if (mounted_) umount2(directory_.c_str(), MNT_DETACH);
-  }
-  bool Mounted() const { return mounted_; }
+// Results the platform layer gives for the rolling file's descriptors while
+// a test wants a disk to be full or read-only; OSA_CALL_REAL otherwise.
+int g_openResult = OSA_CALL_REAL;
+int g_writeResult = OSA_CALL_REAL;
+int g_syncResult = OSA_CALL_REAL;
+int g_makeDirResult = OSA_CALL_REAL;
 
-  // Takes every free block with a filler file.
-  bool Fill() {
-    int fd = open(filler().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) return false;
-    char block[4096] = {};
-    while (write(fd, block, sizeof block) > 0) {
-    }
-    bool full = errno == ENOSPC;
-    close(fd);
-    return full;
+int InjectedOpen(const char*, const char*, const char*, long*) { return g_openResult; }
+int InjectedWrite(long, const void*, size_t, size_t* written) {
+  if (g_writeResult != OSA_CALL_REAL && written != nullptr) *written = 0;
+  return g_writeResult;
+}
+int InjectedSync(long) { return g_syncResult; }
+int InjectedMakeDir(const char*, const char*) { return g_makeDirResult; }
+
+constexpr int DISK_FULL = OS_ERROR_NO_SPACE | (ENOSPC << 16);
+constexpr int READ_ONLY = OS_ERROR_ACCESS_DENIED | (EROFS << 16);
+
+// The rolling-file fixture with the descriptor calls routed through the
+// injected results above (the clock override stays).
+class InjectedRollingFile : public RollingFile {
+ protected:
+  void SetUp() override {
+    RollingFile::SetUp();
+    g_openResult = g_writeResult = g_syncResult = g_makeDirResult = OSA_CALL_REAL;
+    overrides_.openDescriptor = InjectedOpen;
+    overrides_.writeDescriptor = InjectedWrite;
+    overrides_.syncDescriptor = InjectedSync;
+    overrides_.makeDir = InjectedMakeDir;
+    osSetOverrides(&overrides_);
   }
-  void Free() { unlink(filler().c_str()); }
-
- private:
-  std::string filler() const { return directory_ + "/filler"; }
-
-  std::string directory_;
-  bool mounted_ = false;
 };
 
 std::pair<int, std::string> error(const std::string& text) { return {1, "RollingFile: " + text}; }
@@ -135,10 +134,9 @@ TEST_F(RollingFile, NewPathNameLiftsTheRateLimit) {
             (Logged{error("Error 20 trying to open file " + bad), skipped(bad), opened(good, 0)}));
 }
 
-TEST_F(RollingFile, ReadOnlyDirectoryGivesOpenErrorAndRateLimitedSkipNotice) {
-  TinyFilesystem readOnly(path("ro"), MS_RDONLY);
-  if (!readOnly.Mounted()) GTEST_SKIP() << "mounting a tmpfs is not permitted here";
-  const std::string name = path("ro/app.log");
+TEST_F(InjectedRollingFile, ReadOnlyDiskGivesOpenErrorAndRateLimitedSkipNotice) {
+  g_openResult = READ_ONLY;
+  const std::string name = path("app.log");
   Zor::RollingFile file(name.c_str());
   EXPECT_EQ(file.Printf("x"), -1);
   advanceClock(100);
@@ -148,14 +146,15 @@ TEST_F(RollingFile, ReadOnlyDirectoryGivesOpenErrorAndRateLimitedSkipNotice) {
   EXPECT_FALSE(exists(name));
 }
 
-TEST_F(RollingFile, DirectoryThatCannotBeCreatedIsReported) {
-  TinyFilesystem readOnly(path("ro"), MS_RDONLY);
-  if (!readOnly.Mounted()) GTEST_SKIP() << "mounting a tmpfs is not permitted here";
+TEST_F(InjectedRollingFile, DirectoryThatCannotBeCreatedIsReported) {
+  g_makeDirResult = OS_ERROR_ACCESS_DENIED;
+  std::filesystem::create_directory(path("ro"));
   const std::string name = path("ro/sub/app.log");
   Zor::RollingFile file(name.c_str());
   EXPECT_EQ(file.Printf("x"), -1);
   EXPECT_EQ(logged(), (Logged{error("OSA error 5 trying to create directory " + path("ro/sub")),
                               error("Error 2 trying to open file " + name)}));
+  EXPECT_FALSE(exists(path("ro/sub")));
 }
 
 TEST_F(RollingFile, DirectoryBehindDanglingLinkCannotBeCreated) {
@@ -171,12 +170,12 @@ TEST_F(RollingFile, DirectoryBehindDanglingLinkCannotBeCreated) {
 TEST_F(RollingFile, OpeningADirectoryIsRefused) {
   std::filesystem::create_directory(path("adir"));
   TestableRollingFile file(path("adir").c_str());
-  EXPECT_EQ(file.openFile("r"), nullptr);
+  EXPECT_FALSE(file.openFile("r"));
   EXPECT_FALSE(file.IsOpen());
   EXPECT_EQ(logged(), (Logged{error("Error: Attempt to open directory " + path("adir") +
                                     "; only files may be opened")}));
   // A failed check counts as a failed open: the next attempt is rate-limited.
-  EXPECT_EQ(file.openFile("r"), nullptr);
+  EXPECT_FALSE(file.openFile("r"));
   EXPECT_EQ(logged().back(), skipped(path("adir")));
 }
 
@@ -187,21 +186,19 @@ TEST_F(RollingFile, WritingToADirectoryPathFailsToOpen) {
   EXPECT_EQ(logged(), (Logged{error("Error 21 trying to open file " + path("adir"))}));
 }
 
-TEST_F(RollingFile, WriteFailureIsReportedOnceClosesAndRecovers) {
-  TinyFilesystem tiny(path("tiny"), 0);
-  if (!tiny.Mounted()) GTEST_SKIP() << "mounting a tmpfs is not permitted here";
-  const std::string name = path("tiny/app.log");
+TEST_F(InjectedRollingFile, WriteFailureIsReportedOnceClosesAndRecovers) {
+  const std::string name = path("app.log");
   Zor::RollingFile file(name.c_str());
   configure(file, 0, 1, false);
-  ASSERT_TRUE(tiny.Fill());
-  // Longer than the stream's buffer, so vfprintf itself has to write.
+  g_writeResult = DISK_FULL;
+  // Longer than the buffer, so the write itself has to reach the disk.
   const std::string big(20000, 'b');
   EXPECT_LT(file.Printf("%s", big.c_str()), 0);
   EXPECT_FALSE(file.IsOpen());
   EXPECT_FALSE(file.HasUnflushedData());
   EXPECT_EQ(logged(), (Logged{opened(name, 0), error("Error 28 trying to write to file " + name)}));
 
-  tiny.Free();
+  g_writeResult = OSA_CALL_REAL;
   // The open itself succeeded before, so the next write reopens at once.
   EXPECT_EQ(file.Printf("back\n"), 5);
   file.Close();
@@ -210,35 +207,42 @@ TEST_F(RollingFile, WriteFailureIsReportedOnceClosesAndRecovers) {
   EXPECT_EQ(logged().back(), opened(name, 0));
 }
 
-TEST_F(RollingFile, FailedWriteOfFormattedTextIsReportedOnceClosesAndRecovers) {
-  TinyFilesystem tiny(path("tiny"), 0);
-  if (!tiny.Mounted()) GTEST_SKIP() << "mounting a tmpfs is not permitted here";
-  const std::string name = path("tiny/raw.log");
+TEST_F(InjectedRollingFile, FailedWriteOfRawBytesIsReportedOnceClosesAndRecovers) {
+  const std::string name = path("raw.log");
   Zor::RollingFile file(name.c_str());
   configure(file, 0, 1, false);
-  ASSERT_TRUE(tiny.Fill());
-  // Longer than the stream's buffer, so the write itself has to reach the disk.
+  g_writeResult = DISK_FULL;
   const std::string big(20000, 'b');
   EXPECT_EQ(file.Write(big.data(), big.size()), -1);
   EXPECT_FALSE(file.IsOpen());
   EXPECT_FALSE(file.HasUnflushedData());
   EXPECT_EQ(logged(), (Logged{opened(name, 0), error("Error 28 trying to write to file " + name)}));
 
-  tiny.Free();
+  g_writeResult = OSA_CALL_REAL;
   EXPECT_EQ(file.Write("back\n", 5), 5);
   file.Close();
   EXPECT_EQ(read_file(name), "back\n");
   EXPECT_EQ(logged().size(), 3u);
 }
 
-TEST_F(RollingFile, FlushFailureIsReportedClosesAndRecovers) {
-  TinyFilesystem tiny(path("tiny"), 0);
-  if (!tiny.Mounted()) GTEST_SKIP() << "mounting a tmpfs is not permitted here";
-  const std::string name = path("tiny/app.log");
+TEST_F(InjectedRollingFile, AFullBufferThatCannotBeWrittenIsReportedAtTheWriteThatOverflowsIt) {
+  const std::string name = path("buffered.log");
   Zor::RollingFile file(name.c_str());
-  ASSERT_TRUE(tiny.Fill());
-  // A short line only reaches the stream's buffer: the write succeeds and
-  // the failure shows at the flush.
+  configure(file, 0, 1, false);
+  const std::string line(1000, 'l');
+  for (int i = 0; i < 16; ++i) ASSERT_EQ(file.Write(line.data(), line.size()), 1000) << i;
+  g_writeResult = DISK_FULL;
+  EXPECT_EQ(file.Write(line.data(), line.size()), -1);
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_EQ(logged(), (Logged{opened(name, 0), error("Error 28 trying to write to file " + name)}));
+}
+
+TEST_F(InjectedRollingFile, FlushFailureIsReportedClosesAndRecovers) {
+  const std::string name = path("app.log");
+  Zor::RollingFile file(name.c_str());
+  g_writeResult = DISK_FULL;
+  // A short line only reaches the buffer: the write succeeds and the
+  // failure shows at the flush.
   EXPECT_EQ(file.Printf("small\n"), 6);
   EXPECT_TRUE(file.HasUnflushedData());
   file.Flush();
@@ -247,7 +251,7 @@ TEST_F(RollingFile, FlushFailureIsReportedClosesAndRecovers) {
   file.Flush();  // nothing left to flush: no second report
   EXPECT_EQ(logged(), (Logged{opened(name, 0), error("Error 28 trying to flush file " + name)}));
 
-  tiny.Free();
+  g_writeResult = OSA_CALL_REAL;
   EXPECT_EQ(file.Printf("again\n"), 6);
   file.Flush();
   EXPECT_TRUE(file.IsOpen());
@@ -256,13 +260,24 @@ TEST_F(RollingFile, FlushFailureIsReportedClosesAndRecovers) {
   EXPECT_EQ(logged().size(), 3u);
 }
 
+TEST_F(InjectedRollingFile, SyncFailureIsReportedAsAFlushFailure) {
+  const std::string name = path("sync.log");
+  Zor::RollingFile file(name.c_str());
+  g_syncResult = OS_ERROR_GENERAL | (EIO << 16);
+  EXPECT_EQ(file.Printf("line\n"), 5);
+  file.Flush();
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_EQ(logged(), (Logged{opened(name, 0), error("Error 5 trying to flush file " + name)}));
+  EXPECT_EQ(read_file(name), "line\n") << "the bytes were written before the sync failed";
+}
+
 // A FIFO opens like a file but cannot be synced (fsync gives EINVAL), so a
 // flush that really runs is visible as a report.
 TEST_F(RollingFile, FlushOfIdleFileMakesNoSystemCall) {
   const std::string name = path("pipe");
   ASSERT_EQ(mkfifo(name.c_str(), 0600), 0);
   TestableRollingFile file(name.c_str());
-  ASSERT_NE(file.openFile("a+"), nullptr);
+  ASSERT_TRUE(file.openFile("a+"));
   file.Flush();
   EXPECT_TRUE(file.IsOpen());
   EXPECT_EQ(logged(), (Logged{opened(name, 0)}));
