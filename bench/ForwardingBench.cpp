@@ -45,7 +45,7 @@
 
 #include "BenchSupport.h"
 #include "osa/osa.h"
-#include "qrt/KesSharedLayout.h"
+#include "protocol/SharedLayout.h"
 #include "qrt/QrtDiag.h"
 
 namespace {
@@ -96,11 +96,9 @@ struct Daemon {
 // The daemon's request queue under `root`, or -1.
 int DaemonQueue(const std::string& root) {
   setenv("KESTRIN_ROOT", root.c_str(), 1);
-  char keyFile[PATH_MAX];
   int key = 0;
   int id = -1;
-  if (osMapPath(KES_FTOK_TARGET, keyFile, sizeof keyFile) != OS_OK) return -1;
-  if (osSysVKey(keyFile, KES_QUEUE_PROJECT_ID, &key) != OS_OK) return -1;
+  if (KesIpcKey(KES_QUEUE_PROJECT_ID, &key) != OS_OK) return -1;
   return osSysVQueueOpen(key, 0, &id) == OS_OK ? id : -1;
 }
 
@@ -178,17 +176,15 @@ void StopDaemon(Daemon* daemon) {
 void RemoveRoot(const std::string& root) {
   if (root.empty()) return;
   setenv("KESTRIN_ROOT", root.c_str(), 1);
-  char keyFile[PATH_MAX];
   int key = 0;
   int id = DaemonQueue(root);
   if (id >= 0) osSysVQueueRemove(id);
-  if (osMapPath(KES_FTOK_TARGET, keyFile, sizeof keyFile) == OS_OK &&
-      osSysVKey(keyFile, KES_SEMAPHORE_PROJECT_ID, &key) == OS_OK &&
+  if (KesIpcKey(KES_SEMAPHORE_PROJECT_ID, &key) == OS_OK &&
       osSysVSemaphoreOpen(key, 0, &id) == OS_OK) {
     osSysVSemaphoreRemove(id);
   }
-  osUnshareMemory(KesRegTableSharedMemoryName);
-  osUnshareMemory(KesSharedMemoryName);
+  osUnshareMemory(KES_REG_TABLE_SEGMENT_NAME);
+  osUnshareMemory(KES_FILTER_SEGMENT_NAME);
   std::error_code ignored;
   std::filesystem::remove_all(root, ignored);
   unsetenv("KESTRIN_ROOT");

@@ -10,13 +10,12 @@
 #include "kestrin/InternalLog.h"
 #include "kestrin/Lifecycle.h"
 #include "kestrin/RegTable.h"
-#include "qrt/KesSharedLayout.h"
+#include "protocol/SharedLayout.h"
 
 namespace kestrin {
 
 namespace {
 
-constexpr unsigned long NO_EVENT_ID = static_cast<unsigned long>(-1);
 // Connect() is asked for one attempt; its retry interval is then unused.
 constexpr unsigned int CONNECT_RETRIES = 0;
 constexpr unsigned long CONNECT_SECONDS_BETWEEN_RETRIES = 10;

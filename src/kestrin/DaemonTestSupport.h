@@ -29,7 +29,7 @@
 #include "kestrin/Records.h"
 #include "kestrin/RegTable.h"
 #include "osa/osa.h"
-#include "qrt/KesSharedLayout.h"
+#include "protocol/SharedLayout.h"
 
 namespace kestrin {
 
@@ -161,8 +161,8 @@ class DaemonTest : public OwnLogTest {
   static void RemoveSegments() {
     sharedRegistrationTable = nullptr;
     mySegment = nullptr;
-    osUnshareMemory(KesRegTableSharedMemoryName);
-    osUnshareMemory(KesSharedMemoryName);
+    osUnshareMemory(KES_REG_TABLE_SEGMENT_NAME);
+    osUnshareMemory(KES_FILTER_SEGMENT_NAME);
   }
 };
 

@@ -21,6 +21,9 @@ constexpr unsigned short KES_SEVERITY_WARNING = 2;
 constexpr unsigned short KES_SEVERITY_INFO = 4;
 constexpr unsigned short KES_SEVERITY_DEBUG = 8;
 
+// The event ID of a report that is no event: -1.
+constexpr unsigned long NO_EVENT_ID = static_cast<unsigned long>(-1);
+
 // Reports `text` (null is ignored) at the client severity code `severity`.
 // Never fails.
 void LogKestrinMessage(unsigned short severity, const char* text, unsigned long eventId);

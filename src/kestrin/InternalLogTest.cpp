@@ -14,7 +14,7 @@
 #include "kestrin/Globals.h"
 #include "kestrin/PrivateRootEnvironment.h"
 #include "osa/osa.h"
-#include "qrt/KesSharedLayout.h"
+#include "protocol/SharedLayout.h"
 
 namespace kestrin {
 namespace {

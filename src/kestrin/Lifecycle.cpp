@@ -21,7 +21,7 @@
 #include "kestrin/RequestLoop.h"
 #include "kestrin/Role.h"
 #include "osa/osa.h"
-#include "qrt/KesSharedLayout.h"
+#include "protocol/SharedLayout.h"
 #include "qrt/QrtDiag.h"
 #include "zor/SingleProcessInstanceMutex.h"
 
@@ -44,7 +44,6 @@ const char KES_TEXT_NORMAL_SHUTDOWN[] = "Normal shutdown.";
 
 namespace {
 
-constexpr unsigned long NO_EVENT_ID = static_cast<unsigned long>(-1);
 constexpr char SYSLOG_IDENT[] = "Kestrin";
 constexpr char CONFIG_FILE_NAME[] = "Kestrin.conf";
 constexpr char TAXONOMY_FILE_NAME[] = "KestrinTaxonomy";
@@ -243,10 +242,8 @@ const ClientTexts HUP_TEXTS = {
 // Sends a header-only request of `type` to the queue keyed with 'Q' (never
 // QueueKey) and prints the outcome.
 bool SendClientRequest(uint16_t type, const ClientTexts& texts) {
-  char keyFile[PATH_MAX];
   int key = 0;
-  if (osMapPath(KES_FTOK_TARGET, keyFile, sizeof keyFile) != OS_OK ||
-      osSysVKey(keyFile, KES_QUEUE_PROJECT_ID, &key) != OS_OK) {
+  if (KesIpcKey(KES_QUEUE_PROJECT_ID, &key) != OS_OK) {
     printf("%s\n", texts.keyFailure);
     return false;
   }

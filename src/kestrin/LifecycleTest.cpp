@@ -19,7 +19,7 @@
 #include "kestrin/RequestLoop.h"
 #include "kestrin/Role.h"
 #include "osa/osa.h"
-#include "qrt/KesSharedLayout.h"
+#include "protocol/SharedLayout.h"
 
 // The host name is wrapped so that a test can make it unreadable.
 extern "C" {

@@ -25,7 +25,6 @@ namespace {
 using Zor::Sockets::ServerSocketManager;
 using Zor::Sockets::SocketHandle;
 
-constexpr unsigned long NO_EVENT_ID = static_cast<unsigned long>(-1);
 // Init() is asked for one attempt; its retry interval is then unused.
 constexpr unsigned int LISTEN_RETRIES = 0;
 constexpr unsigned long LISTEN_SECONDS_BETWEEN_RETRIES = 10;

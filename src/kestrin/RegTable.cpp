@@ -19,7 +19,6 @@ int ipcSemaphore = -1;
 
 namespace {
 
-constexpr unsigned long NO_EVENT_ID = static_cast<unsigned long>(-1);
 // The signature is written with this limit (the field itself is 28 bytes).
 constexpr size_t SIGNATURE_COPY_LIMIT = 26;
 // Used for a handle without a log file while no default level is set.
@@ -72,16 +71,16 @@ void InitializeRegistrationTable(tKesRegTableEntry* table) {
 // table was initialised.
 bool AttachRegistrationTable(bool* isNew) {
   void* address = nullptr;
-  int result = osShareMemory(KesRegTableSharedMemoryName, KES_REG_TABLE_SIZE, &address);
+  int result = osShareMemory(KES_REG_TABLE_SEGMENT_NAME, KES_REG_TABLE_SIZE, &address);
   if (result != OS_OK) {
     Report(KES_SEVERITY_ERROR, std::string("Unable to create a Registration shared-memory "
                                            "segment. Name ") +
-                                   KesRegTableSharedMemoryName +
+                                   KES_REG_TABLE_SEGMENT_NAME +
                                    ", Error: " + std::to_string(osGetSpecificErrorCode(result)));
     return false;
   }
   Report(KES_SEVERITY_DEBUG,
-         std::string("Created shared memory segment ") + KesRegTableSharedMemoryName);
+         std::string("Created shared memory segment ") + KES_REG_TABLE_SEGMENT_NAME);
   sharedRegistrationTable = static_cast<tKesRegTableEntry*>(address);
 
   int evidence = FirstUnsignedSlot(sharedRegistrationTable);
@@ -124,7 +123,7 @@ bool InitializeSharedMemory() {
   if (!AttachRegistrationTable(&isNew)) return false;
 
   void* address = nullptr;
-  int result = osShareMemory(KesSharedMemoryName, KES_FILTER_SEGMENT_SIZE, &address);
+  int result = osShareMemory(KES_FILTER_SEGMENT_NAME, KES_FILTER_SEGMENT_SIZE, &address);
   if (result != OS_OK) {
     Report(KES_SEVERITY_ERROR, "Unable to create a shared-memory segment. Error: " +
                                    std::to_string(osGetSpecificErrorCode(result)));
@@ -133,17 +132,15 @@ bool InitializeSharedMemory() {
   mySegment = static_cast<tKesFilterSegment*>(address);
   UpdateLogFiltersInSharedMemory();
   if (isNew) memset(mySegment->header, 0, sizeof mySegment->header);
-  Report(KES_SEVERITY_DEBUG, std::string("Using shared memory ") + KesSharedMemoryName);
+  Report(KES_SEVERITY_DEBUG, std::string("Using shared memory ") + KES_FILTER_SEGMENT_NAME);
   return true;
 }
 
 void create_ipc_semaphore() {
-  char keyFile[4096];
   int key = 0;
-  if (osMapPath(KES_FTOK_TARGET, keyFile, sizeof keyFile) != OS_OK) {
-    ExitAfterFailedCall("ftok", strerror(ENAMETOOLONG));
-  }
-  int result = osSysVKey(keyFile, KES_SEMAPHORE_PROJECT_ID, &key);
+  int result = KesIpcKey(KES_SEMAPHORE_PROJECT_ID, &key);
+  // A key-file path too long to map is the one failure without an errno.
+  if (result == OS_ERROR_BUFFER_TOO_SMALL) ExitAfterFailedCall("ftok", strerror(ENAMETOOLONG));
   if (result != OS_OK) ExitAfterFailedCall("ftok", result);
 
   int semaphore = -1;

@@ -18,7 +18,7 @@
 #ifndef KESTRIN_KESTRIN_REG_TABLE_H_
 #define KESTRIN_KESTRIN_REG_TABLE_H_
 
-#include "qrt/KesSharedLayout.h"
+#include "protocol/SharedLayout.h"
 
 namespace kestrin {
 

@@ -73,11 +73,11 @@ Layout* AttachAsClient(const char* name, size_t size) {
 }
 
 tKesRegTableEntry* ClientTable() {
-  return AttachAsClient<tKesRegTableEntry>(KesRegTableSharedMemoryName, KES_REG_TABLE_SIZE);
+  return AttachAsClient<tKesRegTableEntry>(KES_REG_TABLE_SEGMENT_NAME, KES_REG_TABLE_SIZE);
 }
 
 tKesFilterSegment* ClientFilters() {
-  return AttachAsClient<tKesFilterSegment>(KesSharedMemoryName, KES_FILTER_SEGMENT_SIZE);
+  return AttachAsClient<tKesFilterSegment>(KES_FILTER_SEGMENT_NAME, KES_FILTER_SEGMENT_SIZE);
 }
 
 void RegisterClient(tKesRegTableEntry* table, int slot, const char* module, const char* inLog,
@@ -109,8 +109,8 @@ class RegTable : public OwnLogTest {
   void SetUp() override {
     OwnLogTest::SetUp();
     ResetProcessState();
-    osUnshareMemory(KesRegTableSharedMemoryName);
-    osUnshareMemory(KesSharedMemoryName);
+    osUnshareMemory(KES_REG_TABLE_SEGMENT_NAME);
+    osUnshareMemory(KES_FILTER_SEGMENT_NAME);
     s_syslog.clear();
   }
 
@@ -122,8 +122,8 @@ class RegTable : public OwnLogTest {
       EXPECT_EQ(OS_OK, osSysVSemaphoreRemove(ipcSemaphore));
     }
     ResetProcessState();
-    osUnshareMemory(KesRegTableSharedMemoryName);
-    osUnshareMemory(KesSharedMemoryName);
+    osUnshareMemory(KES_REG_TABLE_SEGMENT_NAME);
+    osUnshareMemory(KES_FILTER_SEGMENT_NAME);
     LogFile::SeverityFilter::SetDefault(DetailedSeverity::DEBUG_LEVEL);
     OwnLogTest::TearDown();
   }
@@ -280,7 +280,7 @@ TEST_F(RegTable, KeptTableLeavesTheFilterHeader) {
 }
 
 TEST_F(RegTable, RegistrationSegmentFailureIsReportedAndFails) {
-  s_failingSegment = KesRegTableSharedMemoryName;
+  s_failingSegment = KES_REG_TABLE_SEGMENT_NAME;
   s_injectedFailure = (28 << 16) | OS_ERROR_NO_SPACE;
   OwnLogCapture log;
   EXPECT_FALSE(InitializeSharedMemory());
@@ -292,7 +292,7 @@ TEST_F(RegTable, RegistrationSegmentFailureIsReportedAndFails) {
 }
 
 TEST_F(RegTable, FilterSegmentFailureIsReportedAndFails) {
-  s_failingSegment = KesSharedMemoryName;
+  s_failingSegment = KES_FILTER_SEGMENT_NAME;
   s_injectedFailure = (12 << 16) | OS_ERROR_NO_MEMORY;
   OwnLogCapture log;
   EXPECT_FALSE(InitializeSharedMemory());

@@ -21,7 +21,7 @@
 #include "kestrin/RegTable.h"
 #include "kestrin/Role.h"
 #include "osa/osa.h"
-#include "qrt/KesSharedLayout.h"
+#include "protocol/SharedLayout.h"
 #include "zor/CriticalSection.h"
 #include "zor/Scoped.h"
 
@@ -32,7 +32,6 @@ uint64_t NumMessagesReadFromQueue = 0;
 
 namespace {
 
-constexpr unsigned long NO_EVENT_ID = static_cast<unsigned long>(-1);
 constexpr unsigned short EVENT_SEVERITY = KES_SEVERITY_ERROR;
 constexpr long MIN_RECORD_SIZE = sizeof(tKesMessage);
 constexpr char QUEUE_SOURCE[] = "IPC queue";
@@ -306,10 +305,8 @@ void EndOfLoop() {
 }
 
 int QueueKeyOf(char projectId) {
-  char keyFile[PATH_MAX];
   int key = 0;
-  int result = osMapPath(KES_FTOK_TARGET, keyFile, sizeof keyFile);
-  if (result == OS_OK) result = osSysVKey(keyFile, static_cast<unsigned char>(projectId), &key);
+  const int result = KesIpcKey(static_cast<unsigned char>(projectId), &key);
   if (result != OS_OK) {
     int error = osGetSpecificErrorCode(result);
     ExitAfterQueueFailure("ftok failed, errno = " +

@@ -22,7 +22,7 @@
 #include "kestrin/Lifecycle.h"
 #include "kestrin/Records.h"
 #include "osa/osa.h"
-#include "qrt/KesSharedLayout.h"
+#include "protocol/SharedLayout.h"
 
 namespace kestrin {
 
@@ -59,10 +59,8 @@ class RoleTest : public DaemonTest {
  protected:
   void SetUp() override {
     DaemonTest::SetUp();
-    char keyFile[PATH_MAX];
     int key = -1;
-    ASSERT_EQ(OS_OK, osMapPath(KES_FTOK_TARGET, keyFile, sizeof keyFile));
-    ASSERT_EQ(OS_OK, osSysVKey(keyFile, KES_QUEUE_PROJECT_ID, &key));
+    ASSERT_EQ(OS_OK, KesIpcKey(KES_QUEUE_PROJECT_ID, &key));
     int queueId = -1;
     ASSERT_EQ(OS_OK, osSysVQueueOpen(key, 1, &queueId));
     sys5q = queueId;

@@ -8,7 +8,7 @@
 
 #include <atomic>
 
-#include "kestrin/Records.h"
+#include "protocol/Records.h"
 #include "osa/osa.h"
 #include "qrt/QrtConnection.h"
 #include "qrt/QrtDiag.h"

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "kestrin/Records.h"
+#include "protocol/Records.h"
 #include "osa/osa.h"
 #include "qrt/QrtDiag.h"
 #include "qrt/QrtFakeDaemon.h"

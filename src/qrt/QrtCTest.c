@@ -1,6 +1,6 @@
 /* Compiles QrtDiag.h as C and uses it the way a C application does: the
  * client library's header must stay a C header. */
-#include "qrt/KesSharedLayout.h"
+#include "protocol/SharedLayout.h"
 #include "qrt/QrtDiag.h"
 
 /* Registers a module and logs one printf-style message and one with a class.

@@ -15,8 +15,8 @@
 // The segment names that client and daemon share, exported with the API.
 #pragma GCC visibility push(default)
 extern "C" {
-const char KesRegTableSharedMemoryName[] = "KesRegTable";
-const char KesSharedMemoryName[] = "KesFilters";
+const char KesRegTableSharedMemoryName[] = KES_REG_TABLE_SEGMENT_NAME;
+const char KesSharedMemoryName[] = KES_FILTER_SEGMENT_NAME;
 }
 #pragma GCC visibility pop
 
@@ -62,10 +62,7 @@ Connection& current_connection() {
 // The System V key of the daemon's key file with `projectId`. A missing key
 // file means no daemon ever ran under this root.
 int daemon_key(int projectId, int* key) {
-  char path[PATH_MAX];
-  if (osMapPath(KES_FTOK_TARGET, path, sizeof path) != OS_OK) return QRT_ERROR_NO_DAEMON;
-  if (osSysVKey(path, projectId, key) != OS_OK) return QRT_ERROR_NO_DAEMON;
-  return QRT_OK;
+  return KesIpcKey(projectId, key) == OS_OK ? QRT_OK : QRT_ERROR_NO_DAEMON;
 }
 
 int attach(const char* name, size_t size, void** address) {

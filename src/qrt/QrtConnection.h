@@ -18,7 +18,7 @@
 
 #include <stddef.h>
 
-#include "qrt/KesSharedLayout.h"
+#include "protocol/SharedLayout.h"
 
 namespace qrt {
 

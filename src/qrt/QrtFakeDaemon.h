@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "qrt/KesSharedLayout.h"
+#include "protocol/SharedLayout.h"
 
 namespace qrt_test {
 

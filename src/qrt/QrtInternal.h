@@ -4,7 +4,7 @@
 #ifndef KESTRIN_QRT_QRT_INTERNAL_H_
 #define KESTRIN_QRT_QRT_INTERNAL_H_
 
-#include "kestrin/Records.h"
+#include "protocol/Records.h"
 #include "qrt/QrtDiag.h"
 
 // Puts the add-log record of `message` (queue type word 1, then the record in

@@ -3,7 +3,7 @@
 #include <string.h>
 
 #include "osa/osa.h"
-#include "qrt/KesSharedLayout.h"
+#include "protocol/SharedLayout.h"
 #include "qrt/QrtConnection.h"
 #include "qrt/QrtDiag.h"
 

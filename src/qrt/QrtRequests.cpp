@@ -2,7 +2,7 @@
 // record (type 6) and the bare dump request (type 15).
 #include <string.h>
 
-#include "kestrin/Records.h"
+#include "protocol/Records.h"
 #include "osa/osa.h"
 #include "qrt/QrtConnection.h"
 #include "qrt/QrtDiag.h"

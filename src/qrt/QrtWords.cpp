@@ -5,7 +5,7 @@
 #include <strings.h>
 
 #include "osa/osa.h"
-#include "qrt/KesSharedLayout.h"
+#include "protocol/SharedLayout.h"
 #include "qrt/QrtDiag.h"
 
 namespace {

@@ -22,7 +22,7 @@
 #include <thread>
 
 #include "osa/osa.h"
-#include "qrt/KesSharedLayout.h"
+#include "protocol/SharedLayout.h"
 
 extern char** environ;
 
@@ -222,11 +222,8 @@ std::string LedFifo::Bytes() {
 }
 
 int KeyOf(char projectId) {
-  char keyFile[PATH_MAX];
   int key = -1;
-  if (osMapPath(KES_FTOK_TARGET, keyFile, sizeof keyFile) != OS_OK) return -1;
-  if (osSysVKey(keyFile, projectId, &key) != OS_OK) return -1;
-  return key;
+  return KesIpcKey(projectId, &key) == OS_OK ? key : -1;
 }
 
 std::string KestrinServer::DaemonPath() {
@@ -487,8 +484,8 @@ void KestrinServer::RemoveSystemVObjects() const {
   if (key != -1 && osSysVSemaphoreOpen(key, 0, &semaphore) == OS_OK) {
     osSysVSemaphoreRemove(semaphore);
   }
-  osUnshareMemory(KesRegTableSharedMemoryName);
-  osUnshareMemory(KesSharedMemoryName);
+  osUnshareMemory(KES_REG_TABLE_SEGMENT_NAME);
+  osUnshareMemory(KES_FILTER_SEGMENT_NAME);
 }
 
 std::map<std::string, std::string> EntriesOutsideLogDirectory(const KestrinServer& server) {

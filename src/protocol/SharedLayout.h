@@ -1,5 +1,6 @@
 /*
- * The memory and IPC shared between the daemon and its client processes.
+ * The memory and IPC shared between the daemon and its client processes: the
+ * protocol's C part, included by the daemon and the client library alike.
  *
  * Registration table segment (KesRegTableSharedMemoryName): 256 slots of 804
  * bytes, slot i at offset 804 * i; the slot number is the log handle.
@@ -23,17 +24,23 @@
  * on the same file with the queue key (default KES_QUEUE_PROJECT_ID). The
  * segment names are mapped per KESTRIN_ROOT by the platform layer.
  */
-#ifndef KESTRIN_QRT_KES_SHARED_LAYOUT_H_
-#define KESTRIN_QRT_KES_SHARED_LAYOUT_H_
+#ifndef KESTRIN_PROTOCOL_SHARED_LAYOUT_H_
+#define KESTRIN_PROTOCOL_SHARED_LAYOUT_H_
 
 #include <stddef.h>
 #include <stdint.h>
+
+#include "osa/osa.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/* The names of the two segments, exported by the client library. */
+/* The names of the two segments. The client library exports them as
+ * KesRegTableSharedMemoryName and KesSharedMemoryName; the daemon and the
+ * tools use these, so that neither depends on the other for them. */
+#define KES_REG_TABLE_SEGMENT_NAME "KesRegTable"
+#define KES_FILTER_SEGMENT_NAME "KesFilters"
 extern const char KesRegTableSharedMemoryName[];
 extern const char KesSharedMemoryName[];
 
@@ -81,8 +88,19 @@ KES_LAYOUT_ASSERT(offsetof(tKesFilterSegment, filter) == 64, "filters follow the
 KES_LAYOUT_ASSERT(KES_FILTER_SEGMENT_SIZE == 1088, "the filter segment is 1088 bytes");
 #undef KES_LAYOUT_ASSERT
 
+/* The System V key of the daemon's key file (KES_FTOK_TARGET, mapped under
+ * KESTRIN_ROOT) with `projectId`: the one way every program finds the
+ * request queue and the semaphore. Returns the platform layer's result of
+ * mapping the path or of ftok. */
+static inline int KesIpcKey(int projectId, int* key) {
+  char path[4096];
+  int result = osMapPath(KES_FTOK_TARGET, path, sizeof path);
+  if (result != OS_OK) return result;
+  return osSysVKey(path, projectId, key);
+}
+
 #ifdef __cplusplus
 }
 #endif
 
-#endif /* KESTRIN_QRT_KES_SHARED_LAYOUT_H_ */
+#endif /* KESTRIN_PROTOCOL_SHARED_LAYOUT_H_ */
