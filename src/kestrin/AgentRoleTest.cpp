@@ -70,6 +70,16 @@ class AgentRoleTest : public RoleTest {
     ASSERT_NE(-1, master_.Id());
   }
 
+  // Waits until the receive thread is inside Receive(): a frame too short to
+  // be a record comes back as a report only from there. A ShutDown() before
+  // that finds the socket closed when the thread first calls Receive(),
+  // which refuses without a callback, so no SocketClosed would be reported.
+  void WaitUntilReceiving() {
+    ASSERT_TRUE(master_.Send(Frame("abc")));
+    ASSERT_TRUE(WaitForReport("1|Received invalid message from Master; sizeOfData = 7"));
+    reports_.clear();
+  }
+
   // A queue record holding an add-log for slot 5.
   static tKesLoggerMessage AddLogFor(unsigned int slot, uint32_t severity, const char* text,
                                      unsigned int* size) {
@@ -379,6 +389,7 @@ TEST_F(AgentRoleTest, RegHandleTooLargeForTheQueueIsDropped) {
 
 TEST_F(AgentRoleTest, ShutDownEndsTheReceiveThreadPromptlyAndPrintsEachTime) {
   StartConnected();
+  WaitUntilReceiving();
   OwnLogCapture own;
   testing::internal::CaptureStdout();
   const auto start = std::chrono::steady_clock::now();

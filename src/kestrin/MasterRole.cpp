@@ -250,8 +250,15 @@ bool MasterRole::SelectThread::InitializeServerSocketManager() {
       break;
     }
     if (attempts == LISTEN_FAILURES_BEFORE_ALARM) listening->Raise("");
+    // Attempts are paced by the clock, 10 seconds apart from the start, not
+    // by counting sleeps: the time an attempt and its reports take, and the
+    // time each sleep overruns, must not add up and cost attempts.
+    const unsigned long nextAttempt =
+        static_cast<unsigned long>(attempts) * SLEEPS_AFTER_FAILED_LISTEN * LISTEN_SLEEP_MS;
     for (int sleeps = 0; sleeps < SLEEPS_AFTER_FAILED_LISTEN && !role.shuttingDown; ++sleeps) {
-      osSleep(LISTEN_SLEEP_MS);
+      const unsigned long elapsed = osGetClock() - start;
+      if (elapsed >= nextAttempt) break;
+      osSleep(std::min(LISTEN_SLEEP_MS, nextAttempt - elapsed));
     }
   }
   if (timedOut) {

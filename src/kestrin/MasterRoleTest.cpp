@@ -279,10 +279,14 @@ TEST_F(MasterRoleTest, RegistrationFailureIsLoggedAndTheRequestDropped) {
   StartServing();
   unsigned int size = 0;
   // The client library finds no free slot in a full table.
-  for (unsigned int slot = 1; slot < KES_REG_TABLE_SLOTS; ++slot) {
-    Register(slot, "filler", "Filler", ("filler" + std::to_string(slot) + ".log").c_str());
+  for (int filled = 0;; ++filled) {
+    int handle = -1;
+    const std::string name = "filler" + std::to_string(filled) + ".log";
+    if (QrtDiagRegisterModule("filler", "Filler", 0, name.c_str(), &handle) != QRT_OK) break;
+    ASSERT_LT(filled, KES_REG_TABLE_SLOTS);
   }
-  const tKesUnregAddLogMessage record = UnregRecord("m", "M", "m.log", "lost", &size);
+  const tKesUnregAddLogMessage record =
+      UnregRecord("nowhere", "Nowhere", "nowhere.log", "lost", &size);
   ASSERT_TRUE(agent_.Send(UnregFrame(record, size)));
   EXPECT_TRUE(WaitForReport("1|Error handling UnregAddLog: Error " +
                             std::to_string(QRT_ERROR_TABLE_FULL) +

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -26,6 +27,16 @@ class PrivateRootEnvironment : public ::testing::Environment {
     std::filesystem::create_directories(Root() + "/kv/log");
     std::ofstream(Root() + "/kv/etc/KestrinFtokTarget_DO_NOT_TOUCH") << "key\n";
     setenv("KESTRIN_ROOT", Root().c_str(), 1);
+    // A death test run in a new process of this program ("threadsafe"
+    // style) makes a root of its own and ends with exit(), which skips
+    // TearDown: the root goes at exit then. A forked child ("fast" style)
+    // shares the parent's root and must leave it alone, hence the pid.
+    Creator() = getpid();
+    atexit([] {
+      if (getpid() != Creator()) return;
+      std::error_code ignored;
+      std::filesystem::remove_all(Root(), ignored);
+    });
   }
 
   void TearDown() override {
@@ -39,6 +50,12 @@ class PrivateRootEnvironment : public ::testing::Environment {
     return root;
   }
   static std::string LogDirectory() { return Root() + "/kv/log/"; }
+
+ private:
+  static pid_t& Creator() {
+    static pid_t creator = 0;
+    return creator;
+  }
 };
 
 // Registers the environment before main() runs.

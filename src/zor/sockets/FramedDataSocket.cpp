@@ -326,7 +326,7 @@ bool FramedDataSocket::readOnce(ReceiveState& state) {
   // Nothing left to ask for: an invalid header announced an empty body (a
   // read of 0 bytes would look like the peer closing), or Close() cleared
   // the state from another thread.
-  if (expected <= bytesReceived_) return false;
+  if (expected <= bytesReceived_) return socket_.IsOpen() ? false : closedByNearEnd(state);
   ensureReceiveBuffer(expected);
   long id;
   int count = 0;
@@ -334,6 +334,9 @@ bool FramedDataSocket::readOnce(ReceiveState& state) {
   {
     ManagedOsaSocket::ScopedUse use(socket_);
     id = use.Id();
+    // Close() from another thread got in since the state was read (during a
+    // delivery callback, say, whose end then set the state up again).
+    if (id == -1) return closedByNearEnd(state);
     rc = osTCPRecv(id, receiveBuffer_.get() + bytesReceived_,
                    static_cast<int>(expected - bytesReceived_), 0, &count);
   }
@@ -344,6 +347,15 @@ bool FramedDataSocket::readOnce(ReceiveState& state) {
   }
   if (rc == OS_ERROR_WOULD_BLOCK) return false;  // nothing more to read
   return handleFailedRecv(rc, id, state);
+}
+
+// Close() on another thread ended the connection before this thread's next
+// read: the same end as a read woken by that close.
+bool FramedDataSocket::closedByNearEnd(ReceiveState& state) {
+  report_socket_event(SOCKET_LOG_INFO, "Socket closed by near end");
+  state.result = false;
+  notifyClosed();
+  return false;
 }
 
 // A read that brought no data: the peer closed, or the platform failed.

@@ -170,6 +170,7 @@ class FramedDataSocket : private NonCopyable {
 
   bool readOnce(ReceiveState& state);
   bool handleFailedRecv(int rc, long id, ReceiveState& state);
+  bool closedByNearEnd(ReceiveState& state);
   bool HandleSuccessfulRecv(unsigned int count, unsigned int expected, unsigned int& messages);
   bool handleHeader(unsigned int expected);
   void deliverFrame(unsigned int frameSize);

@@ -260,6 +260,21 @@ TEST_F(FramedDataSocketReceive, CloseFromAnotherThreadWakesABlockedReceive) {
   EXPECT_EQ(receive_bytes(blocking.Peer(), 1, 2000), "");
 }
 
+// A Close() that lands while a frame is being delivered (here from the
+// callback itself; from another thread it can land there too) ends the call
+// as a close, not as a failed read of a closed socket.
+TEST_F(FramedDataSocketReceive, CloseDuringDeliveryEndsTheCallAsClosed) {
+  ConnectedClient blocking(false);
+  ASSERT_TRUE(blocking.Ok());
+  blocking.User().onMessage = [](Zor::Sockets::FramedDataSocket& socket, const std::string&) {
+    socket.Close();
+  };
+  ASSERT_TRUE(send_all(blocking.Peer(), frame("a")));
+  EXPECT_FALSE(blocking.Socket().Receive());
+  EXPECT_THAT(blocking.User().Events(), ElementsAre("message:a", "closed"));
+  EXPECT_FALSE(blocking.Socket().IsOpen());
+}
+
 TEST_F(FramedDataSocketReceive, TwentyConsecutiveRecvRetriesEndWithSocketError) {
   ScriptedSocketCalls calls(client_.Id());
   for (int i = 0; i < 25; ++i) calls.AddRecv(code_step(OS_ERROR_RETRY));
