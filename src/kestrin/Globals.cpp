@@ -61,4 +61,8 @@ void FlushFiles() {
   for (auto& entry : logFileMap) entry.second->Flush();
 }
 
+void WriteOutFiles() {
+  for (auto& entry : logFileMap) entry.second->WriteOut();
+}
+
 }  // namespace kestrin

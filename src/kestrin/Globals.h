@@ -75,6 +75,13 @@ void initialize_standard_log_files();
 // Flushes every file of logFileMap that has unflushed lines.
 void FlushFiles();
 
+// Hands the complete lines buffered for every file of logFileMap to the
+// kernel, without syncing (RollingFile::WriteOut): whenever the main loop
+// finds the queue empty and at every pacing pause, so that a line is
+// readable within milliseconds and a killed daemon loses only what it
+// received since.
+void WriteOutFiles();
+
 }  // namespace kestrin
 
 #endif  // KESTRIN_KESTRIN_GLOBALS_H_

@@ -88,6 +88,9 @@ LogFile::LogFile(const char* fileName)
   // Whatever the name, the file and its backups stay inside the log
   // directory: a link planted there is never followed.
   SetContainingDirectory(s_logFileDirectory);
+  // Every log file is a file of lines: one torn by a crash is ended before
+  // the next line is appended.
+  SetEndsTornLines(true);
   SetPathName((s_logFileDirectory + name).c_str());
 }
 

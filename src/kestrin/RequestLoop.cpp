@@ -252,10 +252,13 @@ Outcome CheckAndDispatch(long textSize, ErrorThrottle& failures) {
 }
 
 // One receive: without waiting first, so that a busy queue is drained
-// without a sleeping call, then waiting when the queue was empty.
+// without a sleeping call, then waiting when the queue was empty. Before the
+// wait the lines written so far go to the kernel: an idle daemon shows every
+// line at once, not at the next tick.
 int Receive(long* textSize) {
   int result = osSysVQueueReceive(sys5q, &s_message, KES_MAX_QUEUE_TEXT, 1, textSize);
   if (result == OS_ERROR_WOULD_BLOCK) {
+    WriteOutFiles();
     result = osSysVQueueReceive(sys5q, &s_message, KES_MAX_QUEUE_TEXT, 0, textSize);
   }
   return result;
@@ -577,6 +580,7 @@ void run() {
     if (outcome == Outcome::STOP) return;
     if (outcome == Outcome::DISPATCHED &&
         NumMessagesReadFromQueue % static_cast<uint64_t>(MESSAGES_BEFORE_SLEEP) == 0) {
+      WriteOutFiles();
       osSleep(static_cast<unsigned long>(SLEEP_TIME));
     }
   }

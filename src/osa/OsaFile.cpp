@@ -118,6 +118,18 @@ int osWriteDescriptorOnce(long fd, const void* data, size_t length, size_t* writ
   return OS_OK;
 }
 
+int osReadDescriptorAt(long fd, unsigned long long offset, void* buffer, size_t length,
+                       size_t* count) {
+  if (count == nullptr || (buffer == nullptr && length > 0)) return OS_ERROR_INVALID_PARAMETER;
+  ssize_t n;
+  do {
+    n = pread(static_cast<int>(fd), buffer, length, static_cast<off_t>(offset));
+  } while (n < 0 && errno == EINTR);
+  if (n < 0) return osa_internal::combined_error(osa_internal::file_error_from_errno(errno), errno);
+  *count = static_cast<size_t>(n);
+  return OS_OK;
+}
+
 int osSyncDescriptor(long fd) {
   const tOsaOverrides* overrides = osa_internal::installed_overrides();
   if (overrides != nullptr && overrides->syncDescriptor != nullptr) {

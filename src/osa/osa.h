@@ -256,6 +256,10 @@ int osWriteDescriptor(long fd, const void* data, size_t length, size_t* written)
  * bytes land together, never interleaved with another writer's. `*written`
  * receives how many were stored, which may be fewer than asked. */
 int osWriteDescriptorOnce(long fd, const void* data, size_t length, size_t* written);
+/* Reads up to `length` bytes at `offset` without moving the file position
+ * (pread); `*count` receives how many were read (0 at the end). */
+int osReadDescriptorAt(long fd, unsigned long long offset, void* buffer, size_t length,
+                       size_t* count);
 /* fsync. */
 int osSyncDescriptor(long fd);
 /* The size of the open file and whether it is a directory. */

@@ -143,6 +143,18 @@ bool RollingFile::getFilePointer() {
   return openFile("a+");
 }
 
+void RollingFile::WriteOut() {
+  if (buffered_ == 0) return;
+  const char* start = streamBuffer_.get();
+  const void* lastEnd = memrchr(start, '\n', buffered_);
+  if (lastEnd == nullptr) return;
+  const size_t complete = static_cast<const char*>(lastEnd) - start + 1;
+  const size_t rest = buffered_ - complete;
+  if (!writeThrough(start, complete)) return;
+  memmove(streamBuffer_.get(), start + complete, rest);
+  buffered_ = rest;
+}
+
 bool RollingFile::writeOutBuffer() {
   if (buffered_ == 0) return true;
   const bool written = writeThrough(streamBuffer_.get(), buffered_);
@@ -278,11 +290,28 @@ bool RollingFile::openFile(const char* mode) {
     return false;
   }
   mayOpen_ = true;
+  const uint32_t initialSize = currentSize_;
+  endTornLine(mode);
   report(LEVEL_INFO,
-         "Opened file " + pathName_ + "; initial size " + number_text(currentSize_) + " bytes");
+         "Opened file " + pathName_ + "; initial size " + number_text(initialSize) + " bytes");
   // The report may have written into this file and rolled it over, which
   // replaced the descriptor: the file is open either way.
   return fd_ >= 0;
+}
+
+// A file appended to whose last byte is not a line end was cut off mid-line
+// (a crash while writing): a line end goes first, so that the next line is
+// not merged into the torn one.
+void RollingFile::endTornLine(const char* mode) {
+  if (!endsTornLines_ || mode[0] != 'a' || currentSize_ == 0) return;
+  char last = '\n';
+  size_t count = 0;
+  if (osReadDescriptorAt(fd_, currentSize_ - 1, &last, 1, &count) != OS_OK || count != 1) return;
+  if (last == '\n') return;
+  streamBuffer_[0] = '\n';
+  buffered_ = 1;
+  unflushed_ = true;
+  currentSize_ += 1;
 }
 
 bool RollingFile::createDirectoriesInPathName() {

@@ -91,6 +91,18 @@ class RollingFile : private NonCopyable {
   // close: an idle file costs no system call.
   void Flush();
 
+  // When set (default: not), a file opened for appending whose last byte is
+  // not a line end (cut off mid-line by a crash) gets a line end first, so
+  // that the next line is not merged into the torn one. For files of lines.
+  void SetEndsTornLines(bool endsTornLines) { endsTornLines_ = endsTornLines; }
+
+  // Hands the complete lines waiting in the buffer to the kernel, without
+  // syncing: readers of the file see them at once, and a process that dies
+  // afterwards has lost none of them. A last line without its line end stays
+  // in the buffer. A failed write is handled as in Write. Costs nothing
+  // when no complete line waits.
+  void WriteOut();
+
   bool IsOpen() const { return fd_ >= 0; }
   // Bytes in the current file, as counted since it was opened.
   uint32_t GetCurrentSize() const { return currentSize_; }
@@ -132,6 +144,9 @@ class RollingFile : private NonCopyable {
   bool writeOutBuffer();
   bool writeThrough(const char* data, size_t length);
   void failWrite(int error);
+  // After an open in mode `mode`: puts a line end in front of what comes
+  // when the file ends in a torn line.
+  void endTornLine(const char* mode);
   // The directory every file operation starts from, and `name` (the path
   // name or a backup's) relative to it; a name that does not lie under it
   // is given whole, which the confined calls refuse.
@@ -157,6 +172,7 @@ class RollingFile : private NonCopyable {
   // this object; buffered_ bytes of it wait to be written.
   std::unique_ptr<char[]> streamBuffer_;
   size_t buffered_ = 0;
+  bool endsTornLines_ = false;
 };
 
 }  // namespace Zor

@@ -1,0 +1,109 @@
+// What the real daemon's files show and when: a line logged to an idle
+// daemon is readable at once (not at the next tick), and a daemon killed
+// in the middle of a flood leaves whole lines only.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "KestrinServer.h"
+#include "qrt/QrtDiag.h"
+
+namespace kestrin_e2e {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long FileSize(const std::string& path) {
+  struct stat info;
+  return stat(path.c_str(), &info) == 0 ? static_cast<long>(info.st_size) : -1;
+}
+
+class E2eOutput : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    server_.Start();
+    ASSERT_TRUE(server_.WaitForReady()) << server_.Stdout();
+    ASSERT_EQ(QRT_OK, QrtDiagRegisterModule("app", "App", 0, "app.log", &handle_));
+  }
+  void TearDown() override {
+    if (!server_.Running()) return;
+    EXPECT_EQ(0, server_.Run({"stop"}).status);
+    EXPECT_EQ(0, server_.WaitForExit());
+  }
+
+  int Log(const std::string& text) {
+    return QrtDiagAddLogWithEvClass(handle_, QRT_DESTINATION_PRIVATE_FILE, QRT_SEVERITY_INFO, 1,
+                                    text.c_str(), 2);
+  }
+
+  KestrinServer server_;
+  int handle_ = -1;
+};
+
+// The tick flushes once a second; a line written only then would take
+// about half a second on average.
+TEST_F(E2eOutput, ALineLoggedToAnIdleDaemonIsReadableWithinMilliseconds) {
+  const std::string path = server_.Root() + "/kv/log/app.log";
+  ASSERT_EQ(QRT_OK, Log("first"));
+  ASSERT_TRUE(server_.WaitForLogLine("app.log", "first"));
+  std::vector<double> latencies;
+  for (int i = 0; i < 1000; ++i) {
+    const long before = FileSize(path);
+    const auto sent = Clock::now();
+    ASSERT_EQ(QRT_OK, Log("line " + std::to_string(i)));
+    while (FileSize(path) == before) {
+      ASSERT_LT(Clock::now() - sent, std::chrono::seconds(5)) << "line " << i << " never came";
+      std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+    latencies.push_back(std::chrono::duration<double, std::milli>(Clock::now() - sent).count());
+  }
+  std::sort(latencies.begin(), latencies.end());
+  const double median = latencies[latencies.size() / 2];
+  const double p99 = latencies[latencies.size() * 99 / 100];
+  fprintf(stderr, "visibility of 1000 lines: median %.2f ms, 99th percentile %.2f ms\n", median,
+          p99);
+  EXPECT_LT(p99, 200.0);
+  EXPECT_EQ(1001u, server_.LogLines("app.log").size());
+}
+
+TEST_F(E2eOutput, AKilledDaemonLeavesWholeLinesAndARestartMergesNone) {
+  std::atomic<bool> stop{false};
+  std::atomic<int> sent{0};
+  std::thread flood([&]() {
+    const std::string filler(150, 'f');
+    for (int i = 0; !stop; ++i) {
+      if (Log("flood " + std::to_string(i) + " " + filler) == QRT_OK) ++sent;
+    }
+  });
+  ASSERT_TRUE(WaitUntil([&]() { return sent > 20000; }, 20000));
+  server_.Signal(SIGKILL);
+  EXPECT_EQ(128 + SIGKILL, server_.WaitForExit());
+  stop = true;
+  flood.join();
+  server_.Start();
+  ASSERT_TRUE(server_.WaitForReady()) << server_.Stdout();
+  ASSERT_EQ(QRT_OK, Log("after the restart"));
+  ASSERT_TRUE(server_.WaitForLogLine("app.log", "after the restart"));
+  const std::regex whole(
+      "\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3} \\[INFO \\] \\{App\\} \\(1\\) - "
+      "(\\(Messages have been dropped\\.\\) )?(flood \\d+ f{150}|first|after the restart)");
+  int flooded = 0;
+  for (const std::string& line : server_.LogLines("app.log")) {
+    // The daemon hands whole lines to the kernel: not even the kill tears one.
+    EXPECT_TRUE(std::regex_match(line, whole)) << "torn or merged: " << line;
+    flooded += line.find(" - flood ") != std::string::npos;
+  }
+  EXPECT_GT(flooded, 0);
+}
+
+}  // namespace
+}  // namespace kestrin_e2e
