@@ -4,6 +4,7 @@
 
 #include "kestrin/InternalLog.h"
 #include "kestrin/Records.h"
+#include "zor/RollingFile.h"
 #include "zor/sockets/SocketLog.h"
 
 namespace kestrin {
@@ -58,6 +59,7 @@ void initialize_standard_log_files() {
 }
 
 void FlushFiles() {
+  Zor::RollingFile::ReportCompressionFailures();
   for (auto& entry : logFileMap) entry.second->Flush();
 }
 

@@ -72,7 +72,8 @@ extern std::string PathnameOfTaxonomyFile;
 // banner. Main thread, once, at start-up.
 void initialize_standard_log_files();
 
-// Flushes every file of logFileMap that has unflushed lines.
+// Reports the compression failures met since the last call, then flushes
+// every file of logFileMap that has unflushed lines.
 void FlushFiles();
 
 // Hands the complete lines buffered for every file of logFileMap to the

@@ -23,6 +23,7 @@
 #include "osa/osa.h"
 #include "protocol/SharedLayout.h"
 #include "qrt/QrtDiag.h"
+#include "zor/RollingFile.h"
 #include "zor/SingleProcessInstanceMutex.h"
 
 namespace kestrin {
@@ -383,6 +384,9 @@ void clean_up(int /*queueId*/, int reason, const char* text) {
   WriteWaitingInternalReports();
   LogInfo(text);
   osSyslog(OS_LOG_INFO, "%s", "Kestrin shutting down");
+  // A compression under way is abandoned, not awaited: its backup stays
+  // plain until the file's next roll-over.
+  Zor::RollingFile::StopCompressing();
   FlushFiles();
   if (run_as_daemon) QrtServiceStopService();
   osCloseSyslog();

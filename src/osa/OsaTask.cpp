@@ -7,6 +7,7 @@
 #include <limits.h>
 #include <pthread.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <time.h>
@@ -155,6 +156,13 @@ int osGetTaskId(unsigned long* taskId) {
   if (taskId == nullptr) return OS_ERROR_INVALID_PARAMETER;
   *taskId = current_thread_id();
   return OS_OK;
+}
+
+int osLowerTaskPriority(void) {
+  // On Linux the nice value belongs to the thread named by its kernel id.
+  const id_t thread = static_cast<id_t>(current_thread_id());
+  if (setpriority(PRIO_PROCESS, thread, 19) == 0) return OS_OK;
+  return osa_internal::combined_error(OS_ERROR_GENERAL, errno);
 }
 
 unsigned long osGetTestTimeScale(void) {

@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
+#include <errno.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -96,6 +99,19 @@ TEST(OsaCreateTask, NullEntryIsInvalid) {
   unsigned long id = 77;
   EXPECT_EQ(OS_ERROR_INVALID_PARAMETER, osCreateTask("x", 0, 0, nullptr, nullptr, &id));
   EXPECT_EQ(77u, id);
+}
+
+TEST(OsaLowerTaskPriority, LowersOnlyTheCallingThread) {
+  const int mainBefore = getpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)));
+  int lowered = -100;
+  std::thread worker([&] {
+    ASSERT_EQ(OS_OK, osLowerTaskPriority());
+    errno = 0;
+    lowered = getpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)));
+  });
+  worker.join();
+  EXPECT_EQ(19, lowered);
+  EXPECT_EQ(mainBefore, getpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid))));
 }
 
 TEST(OsaGetTaskId, MainThreadIdIsTheProcessId) {

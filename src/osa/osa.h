@@ -144,6 +144,10 @@ int osCreateTask(const char* name, int priority, unsigned long stackSize, tOsTas
 /* The calling thread's id; the same value osCreateTask reported for it. */
 int osGetTaskId(unsigned long* taskId);
 
+/* Gives the calling thread the lowest scheduling priority (nice 19), for
+ * background work that must yield to everything else. */
+int osLowerTaskPriority(void);
+
 /* Sleeps `milliseconds`, resuming after signals until the time has passed. */
 int osSleep(unsigned long milliseconds);
 

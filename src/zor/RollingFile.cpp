@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "osa/osa.h"
+#include "zor/BackupCompressor.h"
 #include "zor/Scoped.h"
 
 namespace Zor {
@@ -21,25 +22,6 @@ constexpr unsigned long LEVEL_INFO = 4;
 
 
 std::string number_text(long value) { return std::to_string(value); }
-
-// The file name as one word of a shell command. Client processes choose log
-// file names, so a name holding anything but the plain path characters is
-// single-quoted: it must never be able to run a command of its own. Plain
-// names (all the usual ones) stand in the command unchanged.
-std::string ShellWord(const std::string& name) {
-  static const char kPlain[] =
-      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./+-:@%,=";
-  if (!name.empty() && name.find_first_not_of(kPlain) == std::string::npos) return name;
-  std::string quoted = "'";
-  for (char c : name) {
-    if (c == '\'') {
-      quoted += "'\\''";
-    } else {
-      quoted += c;
-    }
-  }
-  return quoted + "'";
-}
 
 }  // namespace
 
@@ -198,6 +180,7 @@ void RollingFile::Close() {
 void RollingFile::RollOver() {
   if (rollingOver_) return;
   ScopedVarChange<bool> rolling(rollingOver_, true);
+  ReportCompressionFailures();
   if (fd_ < 0 &&
       osFileExistsBeneath(anchor().c_str(), relativeName(pathName_).c_str()) != OS_OK) {
     return;  // nothing to roll (or only a link, which is never rolled)
@@ -363,10 +346,20 @@ bool RollingFile::getFileStats() {
   return true;
 }
 
+BackupCompressor::File RollingFile::compressorFile() const {
+  return BackupCompressor::File{anchor(), relativeName(pathName_), pathName_};
+}
+
+// Each step on the backups holds the compressor's lock and tells it what
+// moved, so that a compression finishing meanwhile lands on the backup's
+// number as it is after the step.
 bool RollingFile::deleteOldLog(unsigned int number) {
+  BackupCompressor& compressor = BackupCompressor::Instance();
+  auto lock = compressor.LockForRollOver();
   bool deleted = false;
   deleteBackupFile(nameOfZippedOldLog(number), &deleted);
   deleteBackupFile(nameOfUnzippedOldLog(number), &deleted);
+  compressor.Deleted(compressorFile(), number);
   return deleted;
 }
 
@@ -381,8 +374,11 @@ void RollingFile::deleteBackupFile(const std::string& name, bool* deleted) {
 }
 
 void RollingFile::renumberOldLog(unsigned int from, unsigned int to) {
+  BackupCompressor& compressor = BackupCompressor::Instance();
+  auto lock = compressor.LockForRollOver();
   moveBackupFile(nameOfZippedOldLog(from), nameOfZippedOldLog(to));
   moveBackupFile(nameOfUnzippedOldLog(from), nameOfUnzippedOldLog(to));
+  compressor.Moved(compressorFile(), from, to);
 }
 
 void RollingFile::moveBackupFile(const std::string& from, const std::string& to) {
@@ -405,15 +401,20 @@ void RollingFile::archiveCurrentFile() {
                             " to " + backup);
   }
   Close();
-  if (!zipBackups()) return;
-  // Issued even when the rename failed; gzip then fails in the background.
-  // The trailing "&" keeps the daemon from waiting for the compression.
-  int result = osRunShellCommand(("nice -n 19 gzip " + ShellWord(backup) + " &").c_str());
-  if (result != 0) {
-    report(LEVEL_ERROR,
-           "Error " + number_text(result) + " trying to spawn process to zip file " + backup);
+  // Every plain backup is compressed, oldest first: also those left plain
+  // when roll-overs outpaced compression, a failure or a restart.
+  if (zipBackups()) BackupCompressor::Instance().Request(compressorFile(), backupCount());
+}
+
+void RollingFile::ReportCompressionFailures() {
+  for (const BackupCompressor::Report& failure : BackupCompressor::Instance().TakeReports()) {
+    GetLoggerMgr().GetLogger()->Log("RollingFile: " + failure.text, failure.level);
   }
 }
+
+void RollingFile::WaitForCompressions() { BackupCompressor::Instance().WaitUntilIdle(); }
+
+void RollingFile::StopCompressing() { BackupCompressor::Instance().Stop(); }
 
 std::string RollingFile::nameOfZippedOldLog(unsigned int number) const {
   return nameOfUnzippedOldLog(number) + ".gz";

@@ -4,8 +4,9 @@
 // written and, once the count reaches the maximum size, rolls the file over:
 // backups beyond the kept count are deleted, the others are renumbered
 // (P.1 -> P.2 ..., compressed "P.n.gz" ones likewise), the current file
-// becomes P.1 (compressed in the background with gzip when asked) and a new
-// empty file is opened under the same name. Backup 1 is the newest.
+// becomes P.1 (compressed into "P.1.gz" by a background thread when asked;
+// see BackupCompressor) and a new empty file is opened under the same name.
+// Backup 1 is the newest.
 //
 // The file is opened on the first write, in append mode. Failures are never
 // thrown: they are reported through GetLoggerMgr()'s logger (level 1 errors,
@@ -19,7 +20,8 @@
 // RollingFile); the reportingError and rollingOver guards keep such a write
 // from recursing into a second report or a second roll-over.
 //
-// Threads: none inside; the owner serialises all calls.
+// Threads: the owner serialises all calls; only the compression runs on a
+// thread of its own.
 #ifndef KESTRIN_ZOR_ROLLING_FILE_H_
 #define KESTRIN_ZOR_ROLLING_FILE_H_
 
@@ -31,6 +33,7 @@
 #include <string>
 
 #include "appfw/SmartPointerNTS.h"
+#include "zor/BackupCompressor.h"
 #include "zor/DefaultableValue.h"
 #include "zor/LogInterface.h"
 #include "zor/NonCopyable.h"
@@ -44,7 +47,8 @@ class RollingFile : private NonCopyable {
   DefaultableValue<long, RollingFile, 1> maxFileSize;
   // Number of backups kept; 0 keeps none (a roll-over truncates the file).
   DefaultableValue<unsigned int, RollingFile, 2> backupCount;
-  // Compress each new backup with "nice -n 19 gzip" in the background.
+  // Compress each new backup (and any backup still plain) into "P.n.gz" in
+  // the background.
   DefaultableValue<bool, RollingFile, 3> zipBackups;
 
   // `pathName` may be null (taken as empty). The file is not opened here.
@@ -113,6 +117,16 @@ class RollingFile : private NonCopyable {
   static void SetLogger(const AppFw::SmartPointerNTS<LogInterface>& logger);
   static LogInterfaceHolder& GetLoggerMgr();
 
+  // Passes the failures the compression thread met since the last call to
+  // the logger (the thread never calls it itself). Called by every
+  // roll-over; owners call it on their timer as well.
+  static void ReportCompressionFailures();
+  // Waits until every requested compression is done.
+  static void WaitForCompressions();
+  // Ends the compression thread, abandoning a compression under way (the
+  // backup stays plain until a later roll-over of its file).
+  static void StopCompressing();
+
  protected:
   // Opens the path with the fopen `mode` ("a+" appends, "w" truncates),
   // subject to the open rate limit. True when the file is open.
@@ -125,7 +139,8 @@ class RollingFile : private NonCopyable {
   bool deleteOldLog(unsigned int number);
   // Renames backup `from` to `to` (compressed and plain).
   void renumberOldLog(unsigned int from, unsigned int to);
-  // Moves the current file to backup 1, closes it and starts its compression.
+  // Moves the current file to backup 1, closes it and asks for the plain
+  // backups to be compressed.
   void archiveCurrentFile();
   std::string nameOfZippedOldLog(unsigned int number) const;
   std::string nameOfUnzippedOldLog(unsigned int number) const;
@@ -153,6 +168,8 @@ class RollingFile : private NonCopyable {
   std::string anchor() const;
   std::string relativeName(const std::string& name) const;
   void moveBackupFile(const std::string& from, const std::string& to);
+  // This file as the compressor knows it.
+  BackupCompressor::File compressorFile() const;
 
   std::string pathName_;
   std::string directory_;     // the containing directory; empty: the file's own

@@ -1,6 +1,5 @@
 // Zor::RollingFile failure paths: refused paths, unopenable files and the
-// open rate limit, backups that are directories and a compression command
-// the shell rejects are provoked for real; full and read-only disks and
+// open rate limit and backups that are directories are provoked for real; full and read-only disks and
 // failing syncs are injected through the platform layer's overrides.
 #include <errno.h>
 #include <fcntl.h>
@@ -324,45 +323,6 @@ TEST_F(RollingFile, FailedMoveToFirstBackupIsReportedAndFileStillRestarts) {
   // The new file is opened with "w" whatever happened to the old one.
   EXPECT_EQ(std::filesystem::file_size(name), 0u);
   EXPECT_TRUE(file.IsOpen());
-}
-
-std::vector<std::string>& commands_run() {
-  static std::vector<std::string> commands;
-  return commands;
-}
-
-int refuse_command(const char* command) {
-  commands_run().push_back(command);
-  return 512;  // the wait status of a shell that exited with status 2
-}
-
-TEST_F(RollingFile, ZipCommandFailureIsReported) {
-  const std::string name = path("refused.log");
-  Zor::RollingFile file(name.c_str());
-  configure(file, 0, 1, true);
-  file.Printf("x");
-  commands_run().clear();
-  overrides_.runShellCommand = &refuse_command;
-  file.RollOver();
-  overrides_.runShellCommand = nullptr;
-  EXPECT_EQ(commands_run(), std::vector<std::string>{"nice -n 19 gzip " + name + ".1 &"});
-  EXPECT_EQ(logged(), (Logged{opened(name, 0), rolled(name),
-                              error("Error 512 trying to spawn process to zip file " + name + ".1"),
-                              opened(name, 0)}));
-  EXPECT_EQ(read_file(name + ".1"), "x");
-}
-
-TEST_F(RollingFile, ShellCharactersInTheNameCannotRunCommands) {
-  // A client chooses the file name; quoting keeps it one word for the shell.
-  const std::string marker = path("injected");
-  const std::string name = path("bad(name) 'q';touch " + marker + ".log");
-  Zor::RollingFile file(name.c_str());
-  configure(file, 0, 1, true);
-  file.Printf("x");
-  file.RollOver();
-  EXPECT_TRUE(eventually([&] { return exists(name + ".1.gz") && !exists(name + ".1"); }));
-  EXPECT_FALSE(exists(marker));
-  EXPECT_EQ(logged(), (Logged{opened(name, 0), rolled(name), opened(name, 0)}));
 }
 
 TEST_F(RollingFile, ErrorRaisedWhileReportingAnErrorIsDropped) {

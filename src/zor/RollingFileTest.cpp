@@ -333,8 +333,12 @@ TEST_F(RollingFile, ZipBackupsCompressesTheNewBackupInTheBackground) {
   configure(file, 0, 2, true);
   file.Printf("hello, gzip\n");
   file.RollOver();
-  EXPECT_TRUE(eventually([&] { return exists(name + ".1.gz") && !exists(name + ".1"); }));
-  // gzip removes the plain file only after writing the compressed one.
+  Zor::RollingFile::WaitForCompressions();
+  EXPECT_TRUE(exists(name + ".1.gz"));
+  EXPECT_FALSE(exists(name + ".1"));
+  EXPECT_FALSE(exists(name + ".gz.tmp"));
+  // A standard gzip file, as the gzip program reads it.
+  ASSERT_EQ(std::system(("gzip -t " + name + ".1.gz").c_str()), 0);
   const std::string unpacked = path("unpacked");
   ASSERT_EQ(std::system(("gzip -dc " + name + ".1.gz > " + unpacked).c_str()), 0);
   EXPECT_EQ(read_file(unpacked), "hello, gzip\n");
@@ -344,7 +348,9 @@ TEST_F(RollingFile, ZipBackupsCompressesTheNewBackupInTheBackground) {
   file.Printf("second\n");
   file.RollOver();
   EXPECT_TRUE(exists(name + ".2.gz"));
-  EXPECT_TRUE(eventually([&] { return exists(name + ".1.gz") && !exists(name + ".1"); }));
+  Zor::RollingFile::WaitForCompressions();
+  EXPECT_TRUE(exists(name + ".1.gz"));
+  EXPECT_FALSE(exists(name + ".1"));
 }
 
 TEST_F(RollingFile, FlushWritesBufferedDataToDisk) {

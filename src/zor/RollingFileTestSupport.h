@@ -89,6 +89,8 @@ class RollingFile : public ::testing::Test {
   }
 
   void TearDown() override {
+    // No compression may outlive the test's directory and overrides.
+    Zor::RollingFile::StopCompressing();
     Zor::RollingFile::GetLoggerMgr().ClearLogger();
     osSetOverrides(nullptr);
   }

@@ -176,7 +176,7 @@ TEST(E2eConfiguration, FileSizeAndBackupCountRollTheFileIntoNumberedBackups) {
   StopAndExpectExitZero(server);
 }
 
-// The backup is compressed by a background gzip: app.log.1 becomes
+// The backup is compressed in the background: app.log.1 becomes
 // app.log.1.gz, whose content is the rolled-over lines.
 TEST(E2eConfiguration, ZipBackupsCompressesTheBackupInTheBackground) {
   KestrinServer server;
@@ -198,7 +198,7 @@ TEST(E2eConfiguration, ZipBackupsCompressesTheBackupInTheBackground) {
     return std::filesystem::exists(zipped) &&
            !std::filesystem::exists(server.Root() + "/kv/log/app.log.1");
   }));
-  // gzip writes the compressed file and removes the original last.
+  // The compressed file takes its place before the plain one is removed.
   const std::string bytes = server.ReadFile("kv/log/app.log.1.gz");
   ASSERT_GE(bytes.size(), 2u);
   EXPECT_EQ(std::string("\x1f\x8b"), bytes.substr(0, 2)) << "the gzip magic number";
