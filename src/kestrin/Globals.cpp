@@ -63,6 +63,10 @@ void FlushFiles() {
   for (auto& entry : logFileMap) entry.second->Flush();
 }
 
+void ReopenMovedFiles() {
+  for (auto& entry : logFileMap) entry.second->ReopenIfMoved();
+}
+
 void WriteOutFiles() {
   for (auto& entry : logFileMap) entry.second->WriteOut();
 }

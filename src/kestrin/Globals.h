@@ -76,6 +76,10 @@ void initialize_standard_log_files();
 // every file of logFileMap that has unflushed lines.
 void FlushFiles();
 
+// Closes and reopens at its path every file of logFileMap whose path no
+// longer names the open file (removed, renamed, directory removed).
+void ReopenMovedFiles();
+
 // Hands the complete lines buffered for every file of logFileMap to the
 // kernel, without syncing (RollingFile::WriteOut): whenever the main loop
 // finds the queue empty and at every pacing pause, so that a line is

@@ -181,6 +181,7 @@ Outcome HandleInternalLogRequestRecord(Request& request) {
 }
 
 Outcome HandleTick(Request& /*request*/) {
+  ReopenMovedFiles();
   FlushFiles();
   unsigned long tick = s_tickCount++;
   if (tick % TICKS_PER_STATISTICS_LINE == 0 && OwnLogAdmits(KES_SEVERITY_DEBUG)) {

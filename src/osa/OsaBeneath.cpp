@@ -247,4 +247,25 @@ int osFileExistsBeneath(const char* directory, const char* path) {
   return S_ISLNK(info.st_mode) ? OS_ERROR_OUTSIDE_DIRECTORY : OS_OK;
 }
 
+int osDescriptorIsAtBeneath(const char* directory, const char* path, long fd, int* same) {
+  if (same == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  struct stat open;
+  if (fstat(static_cast<int>(fd), &open) != 0) {
+    return osa_internal::combined_error(osa_internal::file_error_from_errno(errno), errno);
+  }
+  *same = 0;
+  Descriptor parent;
+  std::string last;
+  int error = 0;
+  int result = OpenParent(directory, path, &parent, &last, &error);
+  if (result == OS_ERROR_PATH_NOT_FOUND) return OS_OK;  // a directory on the way is gone
+  if (result != OS_OK) return osa_internal::combined_error(result, error);
+  struct stat named;
+  if (fstatat(parent.Get(), last.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT ? OS_OK : osa_internal::combined_error(WalkError(errno), errno);
+  }
+  *same = named.st_dev == open.st_dev && named.st_ino == open.st_ino ? 1 : 0;
+  return OS_OK;
+}
+
 FILE* osFileStream(tOsFile file) { return reinterpret_cast<FILE*>(file); }

@@ -62,6 +62,28 @@ TEST_F(Beneath, OpensCreatesAndAppendsInsideTheDirectory) {
   EXPECT_EQ("written\n", read_file(logs_ + "/a.log"));
 }
 
+TEST_F(Beneath, TellsWhetherThePathStillNamesTheOpenFile) {
+  long fd = -1;
+  ASSERT_EQ(OS_OK, osOpenDescriptorBeneath(logs_.c_str(), "sub/open.log", "a", &fd));
+  int same = -1;
+  EXPECT_EQ(OS_OK, osDescriptorIsAtBeneath(logs_.c_str(), "sub/open.log", fd, &same));
+  EXPECT_EQ(1, same);
+  ASSERT_EQ(0, rename((logs_ + "/sub/open.log").c_str(), (logs_ + "/sub/moved.log").c_str()));
+  EXPECT_EQ(OS_OK, osDescriptorIsAtBeneath(logs_.c_str(), "sub/open.log", fd, &same));
+  EXPECT_EQ(0, same);  // nothing at the path
+  ASSERT_TRUE(write_file(logs_ + "/sub/open.log", "another\n"));
+  EXPECT_EQ(OS_OK, osDescriptorIsAtBeneath(logs_.c_str(), "sub/open.log", fd, &same));
+  EXPECT_EQ(0, same);  // another file at the path
+  EXPECT_EQ(OS_OK, osDescriptorIsAtBeneath(logs_.c_str(), "sub/moved.log", fd, &same));
+  EXPECT_EQ(1, same);
+  ASSERT_EQ(0, system(("rm -rf " + logs_ + "/sub").c_str()));
+  same = -1;
+  EXPECT_EQ(OS_OK, osDescriptorIsAtBeneath(logs_.c_str(), "sub/moved.log", fd, &same));
+  EXPECT_EQ(0, same);  // its directory is gone
+  osCloseDescriptor(fd);
+  EXPECT_NE(OS_OK, osDescriptorIsAtBeneath(logs_.c_str(), "sub/moved.log", fd, &same));
+}
+
 TEST_F(Beneath, DescriptorIsCloseOnExec) {
   tOsFile file = 0;
   ASSERT_EQ(OS_OK, osOpenFileBeneath(logs_.c_str(), "c.log", "a+", &file));

@@ -236,6 +236,12 @@ int osMoveFileBeneath(const char* directory, const char* from, const char* to);
 /* OS_OK when something other than a link exists at `path`;
  * OS_ERROR_FILE_NOT_FOUND or OS_ERROR_PATH_NOT_FOUND when nothing does. */
 int osFileExistsBeneath(const char* directory, const char* path);
+/* Sets *same to 1 when `path` beneath `directory` names the file open on
+ * descriptor `fd`, to 0 when it names another file or nothing (removed,
+ * renamed, a directory on the way gone). An error only when the question
+ * cannot be answered (the descriptor is bad, a step may not be searched, a
+ * symbolic link on the way). */
+int osDescriptorIsAtBeneath(const char* directory, const char* path, long fd, int* same);
 
 /* The stdio stream behind a handle of osOpenFile or osOpenFileBeneath, for
  * callers that format into it; it stays owned by the handle. */

@@ -17,6 +17,7 @@ namespace {
 constexpr uint32_t OPEN_RETRY_INTERVAL = 9999;
 
 constexpr unsigned long LEVEL_ERROR = 1;
+constexpr unsigned long LEVEL_WARNING = 2;
 constexpr unsigned long LEVEL_INFO = 4;
 
 
@@ -211,6 +212,25 @@ void RollingFile::flushFile() {
     return;
   }
   unflushed_ = false;
+}
+
+void RollingFile::ReopenIfMoved() {
+  if (fd_ < 0) return;
+  int same = 1;
+  if (osDescriptorIsAtBeneath(anchor().c_str(), relativeName(pathName_).c_str(), fd_, &same) !=
+          OS_OK ||
+      same != 0) {
+    return;
+  }
+  // What waits in the buffer goes to the file now at the path, not after
+  // the lines already in the old one.
+  const std::string waiting(streamBuffer_.get(), buffered_);
+  buffered_ = 0;
+  Close();
+  mayOpen_ = true;
+  if (openFile("a+") && !waiting.empty()) Write(waiting.data(), waiting.size());
+  report(LEVEL_WARNING,
+         "File " + pathName_ + " was removed or renamed while open; reopened it at its path");
 }
 
 void RollingFile::Flush() {

@@ -95,6 +95,13 @@ class RollingFile : private NonCopyable {
   // close: an idle file costs no system call.
   void Flush();
 
+  // When the path no longer names the open file (it was removed, renamed
+  // by a log rotation tool, or its directory removed), closes it and opens
+  // the path again, recreating missing directories, and reports it once
+  // (level 2). Lines still buffered go into the new file. Nothing happens
+  // while no file is open or when the question cannot be answered.
+  void ReopenIfMoved();
+
   // When set (default: not), a file opened for appending whose last byte is
   // not a line end (cut off mid-line by a crash) gets a line end first, so
   // that the next line is not merged into the torn one. For files of lines.

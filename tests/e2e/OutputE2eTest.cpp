@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -129,6 +130,47 @@ TEST_F(E2eOutput, AKilledDaemonLeavesWholeLinesAndARestartMergesNone) {
   EXPECT_GT(flooded, 0);
 }
 
+
+// The tick notices a file whose path no longer names it: logging resumes at
+// the path within two ticks, and the daemon's own log says so once.
+TEST_F(E2eOutput, ARemovedLogDirectoryIsMadeAgainAndWritingResumesThere) {
+  ASSERT_EQ(QRT_OK, Log("first"));
+  ASSERT_TRUE(server_.WaitForLogLine("app.log", "first"));
+  std::filesystem::remove_all(server_.Root() + "/kv/log");
+  // Lines logged before the next tick go into the removed file; from then on
+  // they go into the new one.
+  ASSERT_EQ(QRT_OK, Log("into the removed file"));
+  ASSERT_TRUE(WaitUntil([&]() { return FileSize(server_.Root() + "/kv/log/app.log") >= 0; }, 2500))
+      << "not reopened within two ticks";
+  ASSERT_EQ(QRT_OK, Log("after the removal"));
+  ASSERT_TRUE(server_.WaitForLogLine("app.log", "after the removal"));
+  const std::string text = "RollingFile: File " + server_.Root() +
+                           "/kv/log/app.log was removed or renamed while open; reopened it at its path";
+  EXPECT_TRUE(server_.WaitForOwnLogText(text));
+  EXPECT_TRUE(server_.WaitForOwnLogText("RollingFile: File " + server_.Root() +
+                                        "/kv/log/Kestrin.log was removed or renamed while open; "
+                                        "reopened it at its path"));
+  ASSERT_EQ(QRT_OK, Log("later"));
+  ASSERT_TRUE(server_.WaitForLogLine("app.log", "later"));
+  int reports = 0;
+  for (const std::string& line : server_.OwnLogTexts()) reports += line == text;
+  EXPECT_EQ(1, reports);
+}
+
+TEST_F(E2eOutput, AFileRenamedByARotationToolIsFollowedByANewOneAtThePath) {
+  const std::string path = server_.Root() + "/kv/log/app.log";
+  ASSERT_EQ(QRT_OK, Log("before the rotation"));
+  ASSERT_TRUE(server_.WaitForLogLine("app.log", "before the rotation"));
+  std::filesystem::rename(path, path + ".rotated");
+  ASSERT_TRUE(WaitUntil([&]() { return FileSize(path) >= 0; }, 2500)) << "no new file";
+  ASSERT_EQ(QRT_OK, Log("after the rotation"));
+  ASSERT_TRUE(server_.WaitForLogLine("app.log", "after the rotation"));
+  const std::vector<std::string> lines = server_.LogLines("app.log");
+  ASSERT_EQ(1u, lines.size());
+  const std::vector<std::string> rotated = server_.LogLines("app.log.rotated");
+  ASSERT_EQ(1u, rotated.size());
+  EXPECT_NE(std::string::npos, rotated[0].find("before the rotation"));
+}
 
 // A flood into a file that rolls over every 2 KiB, with compression on and
 // room for every backup: read back from the oldest backup to the current
