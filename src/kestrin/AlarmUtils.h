@@ -29,6 +29,8 @@ constexpr int32_t EventId_InvalidMessageReceived = 7013;
 constexpr int32_t EventId_MasterInitFailure = 7030;
 constexpr int32_t EventId_MasterInitSucceeded = 7031;
 constexpr int32_t EventId_ErrorResizingQueue = 7040;
+constexpr int32_t EventId_LinesLost = 7050;
+constexpr int32_t EventId_LinesWrittenAgain = 7051;
 
 // One event held back until the system can accept events; owns its text.
 class DeferredEvent {

@@ -14,6 +14,7 @@
 #include "kestrin/ErrorThrottle.h"
 #include "kestrin/Globals.h"
 #include "kestrin/InternalLog.h"
+#include "kestrin/LostLines.h"
 #include "kestrin/Lifecycle.h"
 #include "kestrin/OtherRequests.h"
 #include "kestrin/RecordPrinters.h"
@@ -183,6 +184,7 @@ Outcome HandleInternalLogRequestRecord(Request& request) {
 Outcome HandleTick(Request& /*request*/) {
   ReopenMovedFiles();
   FlushFiles();
+  ReportLostLines();
   unsigned long tick = s_tickCount++;
   if (tick % TICKS_PER_STATISTICS_LINE == 0 && OwnLogAdmits(KES_SEVERITY_DEBUG)) {
     LogDebug("Tick number " + std::to_string(tick) + " received; " +

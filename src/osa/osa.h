@@ -471,7 +471,10 @@ enum {
   OS_LOG_DEBUG = 7
 };
 
-/* openlog with LOG_CONS and LOG_DAEMON; `ident` must stay valid. */
+/* openlog with LOG_CONS and LOG_DAEMON; `ident` must stay valid. Under
+ * KESTRIN_ROOT=R the system log is R/dev/log instead of /dev/log: lines go
+ * to that datagram socket as "<PRI>Mmm dd hh:mm:ss ident[pid]: text"
+ * (facility daemon), and are dropped when nothing listens there. */
 void osOpenSyslog(const char* ident);
 void osCloseSyslog(void);
 /* Formats and writes one line to the system log. */

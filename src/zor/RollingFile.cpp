@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "osa/osa.h"
 #include "zor/BackupCompressor.h"
 #include "zor/Scoped.h"
@@ -23,6 +25,23 @@ constexpr unsigned long LEVEL_INFO = 4;
 
 
 std::string number_text(long value) { return std::to_string(value); }
+
+// The lines in `length` bytes of `data`, counted by their line ends.
+uint64_t LinesIn(const char* data, size_t length) {
+  uint64_t lines = 0;
+  for (const char* end = data + length;
+       (data = static_cast<const char*>(memchr(data, '\n', end - data))) != nullptr; ++data) {
+    ++lines;
+  }
+  return lines;
+}
+
+long SecondsNow() {
+  long seconds = 0;
+  long microseconds = 0;
+  osGetTimeOfDay(&seconds, &microseconds);
+  return seconds;
+}
 
 }  // namespace
 
@@ -69,7 +88,13 @@ std::string RollingFile::relativeName(const std::string& name) const {
 }
 
 int RollingFile::VPrintf(const char* format, va_list args) {
-  if (!getFilePointer()) return -1;
+  if (!getFilePointer()) {
+    char text[STREAM_BUFFER_SIZE];
+    const int count = vsnprintf(text, sizeof text, format, args);
+    countLost(text, count < 0 ? 0 : std::min(static_cast<size_t>(count), sizeof text - 1),
+              lastError_);
+    return -1;
+  }
   // Formatted straight into the buffer when it fits; otherwise the buffer
   // is written out first and the text formatted again, there or (longer
   // than the whole buffer) on the heap.
@@ -86,15 +111,18 @@ int RollingFile::VPrintf(const char* format, va_list args) {
   bool written = true;
   if (length < room) {
     buffered_ += length;
-  } else if (!writeOutBuffer()) {
-    written = false;
-  } else if (length < STREAM_BUFFER_SIZE) {
-    vsnprintf(streamBuffer_.get(), STREAM_BUFFER_SIZE, format, again);
-    buffered_ = length;
   } else {
     std::unique_ptr<char[]> text(new char[length + 1]);
     vsnprintf(text.get(), length + 1, format, again);
-    written = writeThrough(text.get(), length);
+    if (!writeOutBuffer()) {
+      countLost(text.get(), length, lastError_);
+      written = false;
+    } else if (length < STREAM_BUFFER_SIZE) {
+      memcpy(streamBuffer_.get(), text.get(), length);
+      buffered_ = length;
+    } else {
+      written = writeThrough(text.get(), length);
+    }
   }
   va_end(again);
   if (!written) return -1;
@@ -104,11 +132,15 @@ int RollingFile::VPrintf(const char* format, va_list args) {
 }
 
 int RollingFile::Write(const char* data, size_t length) {
-  if (!getFilePointer()) return -1;
+  if (!getFilePointer()) {
+    countLost(data, length, lastError_);
+    return -1;
+  }
   if (length <= STREAM_BUFFER_SIZE - buffered_) {
     memcpy(streamBuffer_.get() + buffered_, data, length);
     buffered_ += length;
   } else if (!writeOutBuffer()) {
+    countLost(data, length, lastError_);
     return -1;
   } else if (length < STREAM_BUFFER_SIZE) {
     memcpy(streamBuffer_.get(), data, length);
@@ -146,13 +178,42 @@ bool RollingFile::writeOutBuffer() {
 }
 
 bool RollingFile::writeThrough(const char* data, size_t length) {
-  int result = osWriteDescriptor(fd_, data, length, nullptr);
-  if (result == OS_OK) return true;
-  failWrite(osGetSpecificErrorCode(result));
+  size_t written = 0;
+  int result = osWriteDescriptor(fd_, data, length, &written);
+  if (result == OS_OK) {
+    noteWritten();
+    return true;
+  }
+  const int error = osGetSpecificErrorCode(result);
+  countLost(data + written, length - written, error);
+  failWrite(error);
   return false;
 }
 
+void RollingFile::countLost(const char* data, size_t length, int error) {
+  const uint64_t lines = LinesIn(data, length);
+  if (lines == 0) return;
+  if (loss_.lines == 0 || loss_.over) {
+    loss_ = Loss();
+    loss_.beganAt = SecondsNow();
+  }
+  loss_.lines += lines;
+  loss_.error = error;
+}
+
+void RollingFile::noteWritten() {
+  if (loss_.lines != 0 && !loss_.over) {
+    loss_.over = true;
+    loss_.endedAt = SecondsNow();
+  }
+}
+
+void RollingFile::ForgetLoss() {
+  if (loss_.over) loss_ = Loss();
+}
+
 void RollingFile::failWrite(int error) {
+  lastError_ = error;
   buffered_ = 0;  // what could not be written is dropped with the file
   Close();
   report(LEVEL_ERROR, "Error " + number_text(error) + " trying to write to file " + pathName_);
@@ -169,8 +230,17 @@ int RollingFile::Printf(const char* format, ...) {
 void RollingFile::Close() {
   if (fd_ >= 0) {
     // Like a stream's close: what is buffered is written, a failure is not
-    // reported.
-    if (buffered_ != 0) osWriteDescriptor(fd_, streamBuffer_.get(), buffered_, nullptr);
+    // reported (but the lines are counted as lost).
+    if (buffered_ != 0) {
+      size_t written = 0;
+      const int result = osWriteDescriptor(fd_, streamBuffer_.get(), buffered_, &written);
+      if (result == OS_OK) {
+        noteWritten();
+      } else {
+        countLost(streamBuffer_.get() + written, buffered_ - written,
+                  osGetSpecificErrorCode(result));
+      }
+    }
     osCloseDescriptor(fd_);
     fd_ = -1;
   }
@@ -201,11 +271,18 @@ void RollingFile::flushFile() {
   if (fd_ < 0) return;
   int result = OS_OK;
   if (buffered_ != 0) {
-    result = osWriteDescriptor(fd_, streamBuffer_.get(), buffered_, nullptr);
+    size_t written = 0;
+    result = osWriteDescriptor(fd_, streamBuffer_.get(), buffered_, &written);
+    if (result == OS_OK) {
+      noteWritten();
+    } else {
+      countLost(streamBuffer_.get() + written, buffered_ - written, osGetSpecificErrorCode(result));
+    }
     buffered_ = 0;
   }
   if (result == OS_OK) result = osSyncDescriptor(fd_);
   if (result != OS_OK) {
+    lastError_ = osGetSpecificErrorCode(result);
     Close();
     report(LEVEL_ERROR, "Error " + number_text(osGetSpecificErrorCode(result)) +
                             " trying to flush file " + pathName_);
@@ -258,6 +335,7 @@ bool RollingFile::openFile(const char* mode) {
   mayOpen_ = false;
   skipReported_ = false;
   lastOpenAttempt_ = now;
+  if (pathName_.empty() || pathName_.find("//") != std::string::npos) lastError_ = EINVAL;
   if (pathName_.empty()) {
     report(LEVEL_ERROR, "Error: Attempt to open file with empty pathname");
     return false;
@@ -276,12 +354,14 @@ bool RollingFile::openFile(const char* mode) {
     result = osOpenDescriptorBeneath(base.c_str(), relative.c_str(), mode, &fd);
   }
   if ((result & 0xffff) == OS_ERROR_OUTSIDE_DIRECTORY) {
+    lastError_ = ELOOP;
     report(LEVEL_ERROR, "Error: File " + pathName_ + " lies outside " + base +
                             " (a symbolic link or \"..\" on the way); not opened");
     return false;
   }
   if (result != OS_OK) {
     const int error = result == OS_ERROR_INVALID_PARAMETER ? EINVAL : osGetSpecificErrorCode(result);
+    lastError_ = error;
     report(LEVEL_ERROR, "Error " + number_text(error) + " trying to open file " + pathName_);
     return false;
   }

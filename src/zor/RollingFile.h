@@ -114,6 +114,21 @@ class RollingFile : private NonCopyable {
   // when no complete line waits.
   void WriteOut();
 
+  // Lines lost: text that could not be written (no file could be opened, a
+  // write failed, and what was buffered was dropped with the file), counted
+  // by its line ends from the first such line on. The loss is over once
+  // bytes reach the file again; the owner reports it then and forgets it.
+  struct Loss {
+    uint64_t lines = 0;  // 0: nothing lost
+    long beganAt = 0;    // time of day (seconds) of the first lost line
+    long endedAt = 0;    // and of the first write that worked again
+    int error = 0;       // the errno of the last failure
+    bool over = false;
+  };
+  const Loss& GetLoss() const { return loss_; }
+  // Forgets a loss that is over; a loss still going on is kept.
+  void ForgetLoss();
+
   bool IsOpen() const { return fd_ >= 0; }
   // Bytes in the current file, as counted since it was opened.
   uint32_t GetCurrentSize() const { return currentSize_; }
@@ -166,6 +181,10 @@ class RollingFile : private NonCopyable {
   bool writeOutBuffer();
   bool writeThrough(const char* data, size_t length);
   void failWrite(int error);
+  // Counts the lines of `length` bytes of `data` as lost through `error`.
+  void countLost(const char* data, size_t length, int error);
+  // Bytes reached the file: a loss going on is over.
+  void noteWritten();
   // After an open in mode `mode`: puts a line end in front of what comes
   // when the file ends in a torn line.
   void endTornLine(const char* mode);
@@ -197,6 +216,8 @@ class RollingFile : private NonCopyable {
   std::unique_ptr<char[]> streamBuffer_;
   size_t buffered_ = 0;
   bool endsTornLines_ = false;
+  Loss loss_;
+  int lastError_ = 0;  // errno of the last failed open, write or sync
 };
 
 }  // namespace Zor

@@ -206,6 +206,54 @@ TEST_F(InjectedRollingFile, WriteFailureIsReportedOnceClosesAndRecovers) {
   EXPECT_EQ(logged().back(), opened(name, 0));
 }
 
+TEST_F(InjectedRollingFile, LinesThatCannotBeWrittenAreCountedUntilAWriteWorksAgain) {
+  const std::string name = path("full.log");
+  Zor::RollingFile file(name.c_str());
+  EXPECT_EQ(file.GetLoss().lines, 0u);
+  file.Printf("kept\n");
+  file.WriteOut();
+  g_writeResult = DISK_FULL;
+  file.Printf("one\n");
+  file.Write("two\nthree\n", 10);
+  file.WriteOut();  // fails: the three buffered lines are dropped
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_EQ(file.GetLoss().lines, 3u);
+  EXPECT_EQ(file.GetLoss().error, ENOSPC);
+  EXPECT_FALSE(file.GetLoss().over);
+  const long began = file.GetLoss().beganAt;
+  EXPECT_GT(began, 0);
+  file.Printf("four\n");
+  file.Flush();  // reopens, fails again
+  EXPECT_EQ(file.GetLoss().lines, 4u);
+  file.ForgetLoss();  // a loss going on is kept
+  EXPECT_EQ(file.GetLoss().lines, 4u);
+
+  g_writeResult = OSA_CALL_REAL;
+  file.Printf("five\n");
+  EXPECT_FALSE(file.GetLoss().over);  // only buffered so far
+  file.WriteOut();
+  EXPECT_TRUE(file.GetLoss().over);
+  EXPECT_EQ(file.GetLoss().lines, 4u);
+  EXPECT_EQ(file.GetLoss().beganAt, began);
+  EXPECT_GE(file.GetLoss().endedAt, began);
+  file.ForgetLoss();
+  EXPECT_EQ(file.GetLoss().lines, 0u);
+  EXPECT_FALSE(file.GetLoss().over);
+  EXPECT_EQ(read_file(name), "kept\nfive\n");
+}
+
+TEST_F(InjectedRollingFile, LinesRefusedBecauseNoFileOpensAreCounted) {
+  const std::string name = path("readonly.log");
+  Zor::RollingFile file(name.c_str());
+  g_openResult = READ_ONLY;
+  EXPECT_EQ(file.Write("a\nb\n", 4), -1);
+  EXPECT_EQ(file.Printf("c\n"), -1);  // within the open rate limit: skipped
+  EXPECT_EQ(file.GetLoss().lines, 3u);
+  EXPECT_EQ(file.GetLoss().error, EROFS);
+  EXPECT_EQ(file.Write("no line end", 11), -1);  // no line: nothing counted
+  EXPECT_EQ(file.GetLoss().lines, 3u);
+}
+
 TEST_F(InjectedRollingFile, FailedWriteOfRawBytesIsReportedOnceClosesAndRecovers) {
   const std::string name = path("raw.log");
   Zor::RollingFile file(name.c_str());
