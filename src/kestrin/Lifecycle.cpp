@@ -65,15 +65,19 @@ void Report(unsigned short severity, const std::string& text) {
 void OnHangUp(int) { hup_received = 1; }
 void OnInterrupt(int) { graceful_quit = 1; }
 void OnQuit(int) { abortive_quit = 1; }
+void OnTerminate(int) { termination_requested = 1; }
 
-// SIGHUP, SIGINT and SIGQUIT sent to the process must interrupt the main
-// thread's receive, not land on another thread: the signals are blocked
-// while the daemon's threads are created (they inherit the mask and keep
-// it) and unblocked on the main thread afterwards; one arriving meanwhile
-// stays pending and is taken then.
+// SIGHUP, SIGINT, SIGQUIT and (in the foreground) SIGTERM sent to the
+// process must interrupt the main thread's receive, not land on another
+// thread: the signals are blocked while the daemon's threads are created
+// (they inherit the mask and keep it) and unblocked on the main thread
+// afterwards; one arriving meanwhile stays pending and is taken then. With
+// `start` SIGTERM is left to the service manager's client, which keeps it
+// blocked in every thread and takes it on a thread of its own.
 void SetLoopSignalsBlocked(bool blocked) {
-  static const int LOOP_SIGNALS[] = {SIGHUP, SIGINT, SIGQUIT};
-  osBlockSignals(LOOP_SIGNALS, 3, blocked ? 1 : 0);
+  static const int LOOP_SIGNALS[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM};
+  const int count = run_as_daemon ? 3 : 4;
+  osBlockSignals(LOOP_SIGNALS, count, blocked ? 1 : 0);
 }
 
 void InstallHandler(int signalNumber, tOsSignalHandler handler, const char* name) {
@@ -299,6 +303,8 @@ void setup_signal_handling() {
   InstallHandler(SIGQUIT, OnQuit, "quit");
 }
 
+void setup_foreground_termination() { InstallHandler(SIGTERM, OnTerminate, "term"); }
+
 void parse_command_line(int argc, char** argv) {
   CommandLine line;
   line.programName = argc > 0 ? argv[0] : "kestrin";
@@ -405,6 +411,9 @@ int kestrin_main(int argc, char** argv) {
   SaveMainThreadId();
   setup_signal_handling();
   parse_command_line(argc, argv);
+  // With `start` the service manager's client answers SIGTERM; the original
+  // process waiting for the detached one keeps the default action.
+  if (!run_as_daemon) setup_foreground_termination();
   RefuseSecondInstance();
   SetLoopSignalsBlocked(true);
   if (run_as_daemon) {

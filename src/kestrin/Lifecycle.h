@@ -13,11 +13,14 @@
 // path (SIGQUIT, or the timer-tick thread giving up).
 //
 // Signals only set flags, which the main loop polls: SIGHUP `hup_received`,
-// SIGINT `graceful_quit`, SIGQUIT `abortive_quit`. No handler restarts
-// system calls, so a signal interrupts the main loop's blocking receive.
-// SIGTERM belongs to the service manager's client (registered with `start`):
-// its thread calls terminationSignal, which hands the stop to the main
-// thread (`termination_requested`); the main thread runs clean_up 901.
+// SIGINT `graceful_quit`, SIGQUIT `abortive_quit`, and in the foreground
+// SIGTERM `termination_requested`. No handler restarts system calls, so a
+// signal interrupts the main loop's blocking receive. With `start` SIGTERM
+// belongs to the service manager's client: its thread calls
+// terminationSignal, which hands the stop to the main thread
+// (`termination_requested`). Either way the main thread runs clean_up 901,
+// so `kill`, a container runtime and the service manager all stop the
+// daemon the same way: every buffered line written, status 0.
 #ifndef KESTRIN_KESTRIN_LIFECYCLE_H_
 #define KESTRIN_KESTRIN_LIFECYCLE_H_
 
@@ -46,8 +49,8 @@ extern unsigned long ProcessID;
 extern std::atomic<int> hup_received;
 extern std::atomic<int> graceful_quit;
 extern std::atomic<int> abortive_quit;
-// Set by terminationSignal (service manager's stop request): the main loop
-// then runs clean_up 901.
+// Set by terminationSignal (service manager's stop request) and, in the
+// foreground, by SIGTERM: the main loop then runs clean_up 901.
 extern std::atomic<int> termination_requested;
 static_assert(std::atomic<int>::is_always_lock_free, "flags are stored from signal handlers");
 
@@ -67,6 +70,12 @@ extern const char KES_TEXT_NORMAL_SHUTDOWN[];       // "Normal shutdown."
 // Installs the SIGHUP, SIGINT and SIGQUIT handlers (flags only). A failure is
 // logged as a warning and start-up goes on.
 void setup_signal_handling();
+
+// Installs the SIGTERM handler of a daemon in the foreground (no `start`):
+// it sets termination_requested, as the service manager's stop does. Not
+// for `start`, where the service manager's client takes SIGTERM. A failure
+// is logged as a warning and start-up goes on.
+void setup_foreground_termination();
 
 // Examines the arguments strictly left to right, each once, and forms the
 // default pathnames of the configuration and taxonomy files afterwards.

@@ -436,6 +436,16 @@ TEST_F(Lifecycle, SignalHandlersOnlySetTheirFlags) {
   EXPECT_EQ(0, termination_requested);
 }
 
+TEST_F(Lifecycle, ForegroundSigtermOnlySetsTheTerminationFlag) {
+  setup_foreground_termination();
+  raise(SIGTERM);
+  EXPECT_EQ(1, termination_requested);
+  EXPECT_EQ(0, graceful_quit);
+  EXPECT_EQ(0, abortive_quit);
+  EXPECT_EQ(0, hup_received);
+  osSetSignalHandler(SIGTERM, SIG_DFL);
+}
+
 TEST_F(Lifecycle, HostAndProcessInfoAreSavedAndLogged) {
   char expected[256] = {};
   ASSERT_EQ(OS_OK, osTCPGetHostName(expected, sizeof expected));
@@ -511,6 +521,39 @@ TEST_F(Lifecycle, TerminationSignalHandsTheStopToTheMainLoopWhichCleansUpWith901
   Texts texts = own.Texts();
   ASSERT_FALSE(texts.empty());
   EXPECT_EQ("Termination signal received from service manager. Shutting down.", texts.back());
+}
+
+// No tick thread runs here: only the signal can end the main thread's wait
+// in its receive.
+TEST_F(Lifecycle, ForegroundSigtermInterruptsTheReceiveAndCleansUpWith901) {
+  RecordingRole role;
+  RolePtr = &role;
+  QueueKey = 'Q';
+  OwnLogCapture own;
+  EXPECT_EXIT(
+      {
+        alarm(20);
+        osGetTaskId(&MainThreadsTaskId);
+        createKestrinsQueue();
+        setup_foreground_termination();
+        static const int TERMINATION[] = {SIGTERM};
+        osBlockSignals(TERMINATION, 1, 0);
+        std::thread([]() {
+          // Blocked here, so the signal sent to the process lands on the
+          // main thread.
+          osBlockSignals(TERMINATION, 1, 1);
+          osSleep(200);
+          kill(getpid(), SIGTERM);
+        }).detach();
+        run();
+        _exit(99);
+      },
+      ::testing::ExitedWithCode(0),
+      "ShutDown\\(901, Termination signal received from service manager. Shutting down.\\)");
+  Texts texts = own.Texts();
+  ASSERT_FALSE(texts.empty());
+  EXPECT_EQ("Termination signal received from service manager. Shutting down.", texts.back());
+  for (const std::string& text : texts) EXPECT_EQ(std::string::npos, text.find("msgrcv")) << text;
 }
 
 }  // namespace

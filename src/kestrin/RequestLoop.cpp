@@ -569,8 +569,9 @@ void run() {
     const bool hupNoted = hup_received.exchange(0) != 0;
     if (hupNoted) ReloadOnHup();
     if (result != OS_OK || textSize <= 0) {
-      // A receive interrupted by SIGHUP is expected and not counted.
-      if (hupNoted) continue;
+      // A receive interrupted by SIGHUP, or by the SIGTERM whose stop the
+      // top of the loop takes next, is expected and not counted.
+      if (hupNoted || termination_requested) continue;
       ReportReceiveFailure(result, textSize);
       if (!failures.anotherErrorOK()) {
         clean_up(sys5q, KES_REASON_TOO_MANY_RECEIVE_FAILURES,

@@ -247,3 +247,40 @@ int osReportReady(long readyHandle, int ready) {
   close(static_cast<int>(readyHandle));
   return result;
 }
+
+namespace {
+
+// Makes the standard stream `target` a copy of the open descriptor `null`.
+int replace_standard_stream(int null, int target) {
+  if (target == null) {
+    // The stream was closed and open() handed out its number: dup2 onto
+    // itself would leave it close-on-exec, so the flag is cleared instead.
+    if (fcntl(null, F_SETFD, 0) == 0) return OS_OK;
+    return osa_internal::combined_error(OS_ERROR_GENERAL, errno);
+  }
+  while (dup2(null, target) < 0) {
+    if (errno != EINTR) return osa_internal::combined_error(OS_ERROR_GENERAL, errno);
+  }
+  return OS_OK;
+}
+
+}  // namespace
+
+int osDetachStandardStreams() {
+  // What the process printed before belongs to its starter: it is written
+  // out while the streams still lead there.
+  fflush(stdout);
+  fflush(stderr);
+  int null;
+  do {
+    null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  } while (null < 0 && errno == EINTR);
+  if (null < 0) return osa_internal::combined_error(OS_ERROR_GENERAL, errno);
+  int result = OS_OK;
+  for (int target = STDIN_FILENO; target <= STDERR_FILENO && result == OS_OK; ++target) {
+    result = replace_standard_stream(null, target);
+  }
+  // A number that became a standard stream stays open as that stream.
+  if (null > STDERR_FILENO) close(null);
+  return result;
+}

@@ -1,7 +1,10 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits.h>
+#include <poll.h>
 #include <signal.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -312,6 +315,85 @@ TEST(OsaGetProcessState, InvalidArguments) {
   EXPECT_EQ(OS_ERROR_INVALID_PARAMETER, osGetProcessState("x", nullptr));
   EXPECT_EQ(OS_ERROR_INVALID_PARAMETER, osGetProcessState(std::string(300, 'n').c_str(), &state));
   EXPECT_EQ(42, state);
+}
+
+// ---- osDetachStandardStreams ------------------------------------------------
+
+// Whether descriptor `fd` of this process is open on /dev/null and stays
+// open across exec.
+bool on_dev_null_across_exec(int fd) {
+  char target[PATH_MAX];
+  const std::string link = "/proc/self/fd/" + std::to_string(fd);
+  const ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
+  if (n <= 0) return false;
+  target[n] = '\0';
+  const int flags = fcntl(fd, F_GETFD);
+  return strcmp(target, "/dev/null") == 0 && flags >= 0 && (flags & FD_CLOEXEC) == 0;
+}
+
+// The child's outcome: 0 when the call worked and all three streams are
+// /dev/null, else a bit per failure (1: the call, 2, 4, 8: the streams).
+int detach_outcome() {
+  int outcome = osDetachStandardStreams() == OS_OK ? 0 : 1;
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (!on_dev_null_across_exec(fd)) outcome |= 2 << fd;
+  }
+  return outcome;
+}
+
+// Child body: standard output and error become the pipe end `*argument`,
+// a line is left in stdout's buffer, and the streams are detached.
+int detach_with_pending_output(void* argument) {
+  const int pipeEnd = *static_cast<int*>(argument);
+  if (dup2(pipeEnd, STDOUT_FILENO) < 0 || dup2(pipeEnd, STDERR_FILENO) < 0) return 100;
+  close(pipeEnd);
+  printf("said before");  // no line end: still buffered, whatever stdout's mode
+  const int outcome = detach_outcome();
+  printf("said after\n");
+  fprintf(stderr, "said after on standard error\n");
+  fflush(stdout);
+  return outcome;
+}
+
+int detach_with_closed_streams(void*) {
+  close(STDIN_FILENO);
+  close(STDOUT_FILENO);
+  close(STDERR_FILENO);
+  return detach_outcome();
+}
+
+// Everything written into the pipe `fd` until its last writer closes it;
+// "<timeout>" appended when that takes more than 10 seconds.
+std::string read_to_end(int fd) {
+  std::string text;
+  for (;;) {
+    pollfd ready{fd, POLLIN, 0};
+    if (poll(&ready, 1, 10000) <= 0) return text + "<timeout>";
+    char buffer[256];
+    const ssize_t n = read(fd, buffer, sizeof buffer);
+    if (n <= 0) return text;
+    text.append(buffer, static_cast<size_t>(n));
+  }
+}
+
+TEST(OsaDetachStandardStreams, PendingOutputGoesToTheOldStreamsAndLaterOutputNowhere) {
+  int fds[2];
+  ASSERT_EQ(0, pipe2(fds, O_CLOEXEC));
+  // The child must not write out this process's buffered output as its own.
+  fflush(stdout);
+  fflush(stderr);
+  Child child(detach_with_pending_output, &fds[1], false);
+  close(fds[1]);
+  EXPECT_EQ(0, child.Result());
+  EXPECT_EQ(0, child.Wait());
+  EXPECT_EQ("said before", read_to_end(fds[0]));
+  close(fds[0]);
+}
+
+TEST(OsaDetachStandardStreams, ClosedStreamsAreOpenedOnDevNullAndStayOpenAcrossExec) {
+  Child child(detach_with_closed_streams, nullptr, false);
+  EXPECT_EQ(0, child.Result());
+  EXPECT_EQ(0, child.Wait());
 }
 
 }  // namespace

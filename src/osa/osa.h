@@ -560,6 +560,15 @@ int osDetachProcess(const char* name, long* readyHandle);
  * non-zero) or has failed (zero), and releases the handle. */
 int osReportReady(long readyHandle, int ready);
 
+/* Points standard input, output and error at /dev/null (never mapped under
+ * KESTRIN_ROOT), after writing out what stdio still buffers for them: a
+ * process running in the background then no longer holds its starter's
+ * terminal or pipes open, so that a caller reading its output (`kestrin
+ * start | cat`) sees the end once the starter has exited. A failure is an
+ * error value for osGetSpecificErrorCode; the streams not yet replaced then
+ * stay as they were. */
+int osDetachStandardStreams(void);
+
 /* ---- Signals ------------------------------------------------------------ */
 
 typedef void (*tOsSignalHandler)(int signalNumber);

@@ -190,7 +190,8 @@ enum {
  * child ended with 0). Only the child returns, in a new session, with a new
  * process ID: the caller must read its process and thread IDs again
  * (osGetTaskId) after this call. Locks taken by osGetProcessState are kept
- * by the child. Standard streams and the working directory are kept.
+ * by the child. The working directory is kept, and so are the standard
+ * streams until QrtServiceInitialized.
  *
  * SIGTERM is blocked in the calling thread (and so in every thread it
  * creates later, and in programs they start); a thread of the library waits
@@ -208,8 +209,13 @@ QRT_EXPORT int QrtServiceStartService(const char* serviceName, int options, int 
                                       int stopTimeoutSeconds);
 
 /* Reports that start-up is complete: "READY=1" to the service manager, or,
- * after a fork, releases the waiting original process. Once, after
- * QrtServiceStartService (else QRT_ERROR_INVALID_STATE). */
+ * after a fork, releases the waiting original process and then points
+ * standard input, output and error at /dev/null, so that the process no
+ * longer holds its starter's terminal or pipes (what it printed before has
+ * reached them). Once, after QrtServiceStartService (else
+ * QRT_ERROR_INVALID_STATE). QRT_ERROR_SYSTEM when the report failed (start-up
+ * then counts as not reported), or when the streams could not be replaced
+ * after it (start-up counts as reported). */
 QRT_EXPORT int QrtServiceInitialized(void);
 
 /* Reports that the process is stopping: "STOPPING=1" to the service manager;

@@ -7,6 +7,10 @@
 // process blocks on a pipe until the child writes one byte from
 // QrtServiceInitialized (or closes it by ending or stopping), and exits with
 // the outcome, so that "kestrin start" returns only once the daemon is ready.
+// Once it has reported, the child points its standard streams at /dev/null:
+// what it printed while starting reached the caller, and nothing it holds
+// keeps the caller's terminal or pipe open afterwards. Under systemd the
+// streams lead to the journal and stay.
 //
 // Termination requests arrive as SIGTERM. The signal is blocked in the
 // calling (main) thread before any other thread exists, so every thread
@@ -110,15 +114,20 @@ int start_service(const char* name, int options, int interfaceVersion,
 int service_initialized() {
   std::lock_guard<std::mutex> guard(g_lock);
   if (g_service.state != ServiceState::STARTED) return QRT_ERROR_INVALID_STATE;
+  bool streamsDetached = true;
   if (g_service.underManager) {
     if (sd_notify(0, "READY=1") < 0) return QRT_ERROR_SYSTEM;
   } else if (g_service.readyHandle >= 0) {
     const int result = osReportReady(g_service.readyHandle, 1);
     g_service.readyHandle = -1;
     if (result != OS_OK) return QRT_ERROR_SYSTEM;
+    // The starter has exited or is about to; the background process lets go
+    // of the terminal or pipes it inherited from it, or a caller reading
+    // them (`kestrin start | cat`) would wait as long as the service runs.
+    streamsDetached = osDetachStandardStreams() == OS_OK;
   }
   g_service.state = ServiceState::READY;
-  return QRT_OK;
+  return streamsDetached ? QRT_OK : QRT_ERROR_SYSTEM;
 }
 
 int stop_service() {

@@ -3,6 +3,7 @@
 // it in a forked child and reads the outcome from its exit status and pipes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -78,6 +79,14 @@ void redirect_stderr(const std::string& path) {
 
 long thread_id() { return static_cast<long>(syscall(SYS_gettid)); }
 
+// What descriptor `fd` of this process is open on, as /proc shows it.
+std::string descriptor_target(int fd) {
+  char target[PATH_MAX];
+  const std::string link = "/proc/self/fd/" + std::to_string(fd);
+  const ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
+  return n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string();
+}
+
 // Where the callbacks of the forked children report.
 int g_reportFd = -1;
 
@@ -140,11 +149,14 @@ TEST(QrtService, UnderAServiceManagerNotifiesReadyAndStoppingWithoutForking) {
   int status = run_in_child([&] {
     setenv("NOTIFY_SOCKET", socketPath.c_str(), 1);
     pid_t before = getpid();
+    const std::string output = descriptor_target(STDOUT_FILENO);
     int result = QrtServiceStartService("kestrin", 0, 1, unused_callback, 3);
     if (result != QRT_OK) return 10 + result;
     if (getpid() != before) return 50;
     result = QrtServiceInitialized();
     if (result != QRT_OK) return 20 + result;
+    // The service manager reads the standard streams (the journal).
+    if (descriptor_target(STDOUT_FILENO) != output) return 51;
     result = QrtServiceStopService();
     if (result != QRT_OK) return 30 + result;
     return 0;
@@ -298,6 +310,70 @@ TEST(QrtService, WithoutAServiceManagerDetachesAndTheOriginalExitsZeroOnceReady)
   close(fds[0]);
   EXPECT_EQ(report.pid, report.sessionId);
   EXPECT_EQ(1, report.originalStillWaiting);
+}
+
+// Everything written into the pipe `fd` until its last writer closes it;
+// "<timeout>" appended when that takes more than 10 seconds.
+std::string read_to_end(int fd) {
+  std::string text;
+  for (;;) {
+    pollfd entry{fd, POLLIN, 0};
+    if (poll(&entry, 1, 10000) <= 0) return text + "<timeout>";
+    char buffer[256];
+    ssize_t n = read(fd, buffer, sizeof buffer);
+    if (n <= 0) return text;
+    text.append(buffer, static_cast<size_t>(n));
+  }
+}
+
+// `service | cat`: the pipe ends once the original process has exited,
+// while the detached one still runs; what it printed before it was ready
+// came through.
+TEST(QrtService, DetachedProcessLetsGoOfTheStartersPipeOnceReady) {
+  int output[2];
+  int reports[2];
+  int release[2];
+  ASSERT_EQ(0, pipe(output));
+  ASSERT_EQ(0, pipe(reports));
+  ASSERT_EQ(0, pipe(release));
+  fflush(stdout);
+  fflush(stderr);
+  int status = run_in_child([&] {
+    dup2(output[1], STDOUT_FILENO);
+    dup2(output[1], STDERR_FILENO);
+    close(output[0]);
+    close(output[1]);
+    close(release[1]);
+    return detached_start(reports[1], [&] {
+      printf("said while starting");  // no line end: still buffered
+      if (QrtServiceInitialized() != QRT_OK) return 70;
+      printf("said once ready\n");
+      fflush(stdout);
+      const bool detached = descriptor_target(STDIN_FILENO) == "/dev/null" &&
+                            descriptor_target(STDOUT_FILENO) == "/dev/null" &&
+                            descriptor_target(STDERR_FILENO) == "/dev/null";
+      ssize_t ignored = write(reports[1], &detached, sizeof detached);
+      (void)ignored;
+      // Runs on until the test has seen the end of the pipe.
+      char byte = 0;
+      ignored = read(release[0], &byte, 1);
+      return 0;
+    });
+  });
+  close(output[1]);
+  close(reports[1]);
+  close(release[0]);
+  EXPECT_EQ(0, status);
+  EXPECT_EQ("said while starting", read_to_end(output[0]));
+  DetachReport report{};
+  bool detached = false;
+  EXPECT_TRUE(read_exactly(reports[0], &report, sizeof report));
+  EXPECT_TRUE(read_exactly(reports[0], &detached, sizeof detached));
+  EXPECT_TRUE(detached);
+  EXPECT_EQ(0, kill(report.pid, 0)) << "the detached process still runs";
+  close(release[1]);
+  close(output[0]);
+  close(reports[0]);
 }
 
 TEST(QrtService, OriginalExitsWithTheChildsStatusWhenTheChildEndsFirst) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
@@ -243,6 +244,7 @@ KestrinServer::KestrinServer(bool withKeyFile) {
 }
 
 KestrinServer::~KestrinServer() {
+  if (pipeFd_ >= 0) close(pipeFd_);
   KillDaemon();
   for (const std::string& path : errPaths_) CheckForSanitizerReports(ReadWhole(path), path);
   RemoveSystemVObjects();
@@ -303,7 +305,7 @@ std::vector<std::string> KestrinServer::OwnLogTexts() const {
 
 pid_t KestrinServer::Spawn(const std::vector<std::string>& arguments,
                            const std::vector<std::string>& environment, const std::string& outPath,
-                           const std::string& errPath) const {
+                           const std::string& errPath, int outputFd) const {
   std::vector<std::string> words = launcher_;
   words.push_back(DaemonPath());
   words.insert(words.end(), arguments.begin(), arguments.end());
@@ -319,8 +321,8 @@ pid_t KestrinServer::Spawn(const std::vector<std::string>& arguments,
   pid_t pid = fork();
   if (pid == 0) {
     int in = open(inPath.c_str(), O_RDONLY);
-    int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int out = outputFd >= 0 ? outputFd : open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int err = outputFd >= 0 ? outputFd : open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (in < 0 || out < 0 || err < 0) _exit(126);
     dup2(in, 0);
     dup2(out, 1);
@@ -343,6 +345,48 @@ void KestrinServer::Start(const std::vector<std::string>& arguments,
   errPaths_.push_back(errPath_);
   pid_ = Spawn(arguments, environment, outPath_, errPath_);
   ASSERT_GT(pid_, 0) << "fork failed";
+}
+
+void KestrinServer::StartPiped(const std::vector<std::string>& arguments) {
+  ++runs_;
+  outPath_ = root_ + "/daemon" + std::to_string(runs_) + ".out";
+  errPath_ = outPath_;
+  errPaths_.push_back(outPath_);
+  std::ofstream(outPath_, std::ios::binary | std::ios::trunc).close();
+  // Both ends close on exec: the daemon keeps only its standard streams.
+  int ends[2];
+  ASSERT_EQ(0, pipe2(ends, O_CLOEXEC)) << strerror(errno);
+  pid_ = Spawn(arguments, {}, outPath_, errPath_, ends[1]);
+  close(ends[1]);
+  pipeFd_ = ends[0];
+  ASSERT_GT(pid_, 0) << "fork failed";
+}
+
+bool KestrinServer::WaitForPipeEnd(int timeoutMs) {
+  if (pipeFd_ < 0) return false;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  std::ofstream out(outPath_, std::ios::binary | std::ios::app);
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return false;
+    pollfd ready{pipeFd_, POLLIN, 0};
+    const int polled = poll(&ready, 1, static_cast<int>(left.count()));
+    if (polled < 0 && errno == EINTR) continue;
+    if (polled <= 0) return false;
+    char buffer[4096];
+    const ssize_t n = read(pipeFd_, buffer, sizeof buffer);
+    if (n == 0) break;
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    out.write(buffer, n);
+    out.flush();
+  }
+  close(pipeFd_);
+  pipeFd_ = -1;
+  return true;
 }
 
 bool KestrinServer::WaitForReady(int timeoutMs) {

@@ -57,6 +57,15 @@ class KestrinServer {
   // with TZ=UTC.
   void Start(const std::vector<std::string>& arguments = {},
              const std::vector<std::string>& environment = {});
+  // Starts the daemon as Start does, but with standard output and standard
+  // error both the writing end of one pipe, as `kestrin start 2>&1 | cat`
+  // runs it. This server holds the reading end, which WaitForPipeEnd reads.
+  void StartPiped(const std::vector<std::string>& arguments = {});
+  // Reads the pipe of StartPiped until no process holds its writing end any
+  // more (true) or `timeoutMs` has passed (false). What was read is what
+  // Stdout() and Stderr() give, and is scanned for sanitizer reports at the
+  // end.
+  bool WaitForPipeEnd(int timeoutMs = 20000);
   // Waits until the daemon printed "Configuration complete" (its queue and
   // semaphore exist by then); false after `timeoutMs`.
   bool WaitForReady(int timeoutMs = 10000);
@@ -101,9 +110,11 @@ class KestrinServer {
   static std::string DaemonPath();
 
  private:
+  // With `outputFd` >= 0 the child's standard output and error are that
+  // descriptor, and the two paths are not used.
   pid_t Spawn(const std::vector<std::string>& arguments,
               const std::vector<std::string>& environment, const std::string& outPath,
-              const std::string& errPath) const;
+              const std::string& errPath, int outputFd = -1) const;
   void MakeRoot(bool withKeyFile);
   void KillDaemon();
   void CheckForSanitizerReports(const std::string& errors, const std::string& what) const;
@@ -116,6 +127,7 @@ class KestrinServer {
   std::string errPath_;
   std::vector<std::string> errPaths_;  // every process's standard error, scanned at the end
   std::vector<std::string> launcher_;  // in front of the daemon's path; empty: none
+  int pipeFd_ = -1;  // reading end of StartPiped's pipe; -1 when none or once it ended
 };
 
 // Whether `lines` holds `line`, and how often.

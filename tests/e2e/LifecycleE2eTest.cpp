@@ -7,11 +7,15 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "KestrinServer.h"
+#include "osa/osa.h"
+#include "qrt/QrtDiag.h"
 
 namespace kestrin_e2e {
 namespace {
@@ -298,12 +302,75 @@ TEST(E2eLifecycle, SighupWhileWaitingRereadsOnceWithoutAnErrorLine) {
   for (const std::string& text : texts) EXPECT_EQ(std::string::npos, text.find("msgrcv")) << text;
 }
 
-TEST(E2eLifecycle, SigtermInTheForegroundKeepsItsDefaultAction) {
+// The number of records waiting on the daemon's queue; -1 when it cannot
+// be read.
+long WaitingRecords() {
+  int queueId = -1;
+  unsigned long count = 0;
+  unsigned long limit = 0;
+  if (osSysVQueueOpen(KeyOf('Q'), 0, &queueId) != OS_OK) return -1;
+  if (osSysVQueueStat(queueId, &count, &limit) != OS_OK) return -1;
+  return static_cast<long>(count);
+}
+
+// The numbers N of the lines "line N" in app.log, in file order.
+std::vector<int> LoggedLineNumbers(const KestrinServer& server) {
+  std::vector<int> numbers;
+  const std::string mark = " - line ";
+  for (const std::string& line : server.LogLines("app.log")) {
+    const size_t at = line.find(mark);
+    if (at != std::string::npos) numbers.push_back(atoi(line.c_str() + at + mark.size()));
+  }
+  return numbers;
+}
+
+// What `kill` and container runtimes send to a daemon in the foreground: it
+// stops the way the service manager stops it, and the lines it took off the
+// queue are in their file although no tick has flushed them.
+TEST(E2eLifecycle, SigtermInTheForegroundCleansUpWith901AndWritesEveryLine) {
   KestrinServer server;
   StartAndSettle(server);
+  int handle = -1;
+  ASSERT_EQ(QRT_OK, QrtDiagRegisterModule("App", "AppLog", 0, "app.log", &handle));
+  constexpr int LINES = 300;
+  for (int i = 0; i < LINES; ++i) {
+    const std::string text = "line " + std::to_string(i);
+    int result = QRT_ERROR_QUEUE_FULL;
+    for (int attempt = 0; attempt < 5000 && result == QRT_ERROR_QUEUE_FULL; ++attempt) {
+      result = QrtDiagAddLogWithEvClass(handle, QRT_DESTINATION_PRIVATE_FILE, QRT_SEVERITY_INFO, 1,
+                                        text.c_str(), QRT_EVENT_CLASS_INFORMATION);
+      if (result == QRT_ERROR_QUEUE_FULL) usleep(1000);
+    }
+    ASSERT_EQ(QRT_OK, result) << text;
+  }
+  // A stop leaves records still waiting on the queue for the next start:
+  // the signal goes once the daemon has taken every line.
+  ASSERT_TRUE(WaitUntil([]() { return WaitingRecords() == 0; }, 10000));
   server.Signal(SIGTERM);
-  EXPECT_EQ(128 + SIGTERM, server.WaitForExit());
-  EXPECT_EQ(0, Count(server.OwnLogTexts(), "Normal shutdown."));
+  EXPECT_EQ(0, server.WaitForExit());
+  std::vector<int> expected(LINES);
+  for (int i = 0; i < LINES; ++i) expected[static_cast<size_t>(i)] = i;
+  EXPECT_EQ(expected, LoggedLineNumbers(server));
+  Texts texts = server.OwnLogTexts();
+  ASSERT_FALSE(texts.empty());
+  EXPECT_EQ("Termination signal received from service manager. Shutting down.", texts.back());
+  EXPECT_EQ(0, Count(texts, "Normal shutdown."));
+  // The interrupted receive is part of the stop, not a failure to report.
+  for (const std::string& text : texts) EXPECT_EQ(std::string::npos, text.find("msgrcv")) << text;
+}
+
+// A SIGTERM that arrives while the daemon is still starting is kept and
+// taken by the main loop's first pass.
+TEST(E2eLifecycle, SigtermDuringStartUpStopsTheDaemonOnceItRuns) {
+  KestrinServer server;
+  server.Start();
+  // Said once the handler is in place, while signals wait for the loop.
+  ASSERT_TRUE(server.WaitForOutput("The message queue is ready.\n"));
+  server.Signal(SIGTERM);
+  EXPECT_EQ(0, server.WaitForExit());
+  Texts texts = server.OwnLogTexts();
+  ASSERT_FALSE(texts.empty());
+  EXPECT_EQ("Termination signal received from service manager. Shutting down.", texts.back());
 }
 
 // A datagram socket standing in for the service manager's notify socket.
@@ -353,6 +420,40 @@ TEST(E2eLifecycle, SigtermUnderAServiceManagerCleansUpWith901AndReportsStopping)
   EXPECT_EQ(0, Count(texts, "Normal shutdown."));
   // Said before the own log exists, so only on standard output.
   EXPECT_NE(std::string::npos, server.Stdout().find(" DEBUG Going into the background....\n"));
+}
+
+// The target of the symbolic link `path`; empty when it cannot be read.
+std::string LinkTarget(const std::string& path) {
+  char target[PATH_MAX];
+  const ssize_t n = readlink(path.c_str(), target, sizeof target - 1);
+  return n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string();
+}
+
+// `kestrin start | cat`: the caller's pipe ends once the original process
+// has exited, while the daemon runs on with its standard streams on
+// /dev/null; what it printed while starting came through the pipe.
+TEST(E2eLifecycle, StartLetsGoOfTheCallersPipeOnceTheDaemonIsReady) {
+  KestrinServer server;
+  server.StartPiped({"start"});
+  EXPECT_TRUE(server.WaitForPipeEnd(20000))
+      << "the daemon still holds the caller's pipe; read so far:\n"
+      << server.Stdout();
+  EXPECT_EQ(0, server.WaitForExit());
+  const std::string out = server.Stdout();
+  EXPECT_NE(std::string::npos, out.find(" DEBUG Going into the background....\n")) << out;
+  EXPECT_NE(std::string::npos, out.find("Configuration complete\n")) << out;
+  ASSERT_TRUE(server.AdoptDetachedDaemon());
+  EXPECT_NE(getpid(), server.Pid());
+  const std::string descriptors = "/proc/" + std::to_string(server.Pid()) + "/fd/";
+  for (const char* stream : {"0", "1", "2"}) {
+    EXPECT_EQ("/dev/null", LinkTarget(descriptors + stream)) << "standard stream " << stream;
+  }
+  // Still serving its queue.
+  server.SendHeader(15);
+  EXPECT_TRUE(
+      server.WaitForOwnLogText("****************END of registration table dump****************"));
+  EXPECT_EQ(0, server.Run({"stop"}).status);
+  ExpectNormalShutdown(server);
 }
 
 TEST(E2eLifecycle, StartWithoutAServiceManagerDetachesAndSigtermStopsIt) {
