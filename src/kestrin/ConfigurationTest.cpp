@@ -705,6 +705,13 @@ TEST_F(Configuration, SampleTaxonomyLoadsAndMapsItsExampleAlarm) {
   LED_Colour colour;
   LED_States state;
   EXPECT_TRUE(LED_Controller::mapStateString(entry.LED2.c_str(), &colour, &state));
+  // The daemon's own alarm for lines it cannot write, and its clear.
+  ASSERT_EQ(1u, AlarmMap.count(7050));
+  EXPECT_TRUE(AlarmMap[7050].alarm);
+  EXPECT_TRUE(AlarmMap[7050].trap);
+  EXPECT_TRUE(LED_Controller::mapStateString(AlarmMap[7050].LED2.c_str(), &colour, &state));
+  ASSERT_EQ(1u, AlarmMap.count(7051));
+  EXPECT_FALSE(AlarmMap[7051].alarm);
   AlarmMap.clear();
 }
 

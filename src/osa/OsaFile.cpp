@@ -151,6 +151,14 @@ int osDescriptorInfo(long fd, unsigned long long* size, int* isDirectory) {
   return OS_OK;
 }
 
+int osTruncateDescriptor(long fd, unsigned long long size) {
+  while (ftruncate(static_cast<int>(fd), static_cast<off_t>(size)) != 0) {
+    if (errno == EINTR) continue;
+    return osa_internal::combined_error(osa_internal::file_error_from_errno(errno), errno);
+  }
+  return OS_OK;
+}
+
 int osCloseDescriptor(long fd) {
   if (close(static_cast<int>(fd)) == 0) return OS_OK;
   return osa_internal::combined_error(osa_internal::file_error_from_errno(errno), errno);

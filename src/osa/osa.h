@@ -276,6 +276,8 @@ int osSyncDescriptor(long fd);
 int osDescriptorInfo(long fd, unsigned long long* size, int* isDirectory);
 /* Closes the descriptor. */
 int osCloseDescriptor(long fd);
+/* Cuts the file open on `fd` to `size` bytes. */
+int osTruncateDescriptor(long fd, unsigned long long size);
 
 /* ---- Shared memory ----------------------------------------------------- */
 

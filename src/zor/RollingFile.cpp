@@ -185,9 +185,24 @@ bool RollingFile::writeThrough(const char* data, size_t length) {
     return true;
   }
   const int error = osGetSpecificErrorCode(result);
+  cutTornLine(data, written);
   countLost(data + written, length - written, error);
   failWrite(error);
   return false;
+}
+
+// A write that stopped part-way (a full disk) may have left the start of a
+// line without its end: the file is cut back to its last whole line, so that
+// a line reaches it whole or not at all.
+void RollingFile::cutTornLine(const char* data, size_t written) {
+  if (written == 0 || data[written - 1] == '\n') return;
+  const void* lastEnd = memrchr(data, '\n', written);
+  const size_t torn =
+      lastEnd == nullptr ? written : written - (static_cast<const char*>(lastEnd) - data + 1);
+  unsigned long long size = 0;
+  int isDirectory = 0;
+  if (osDescriptorInfo(fd_, &size, &isDirectory) != OS_OK || size < torn) return;
+  osTruncateDescriptor(fd_, size - torn);
 }
 
 void RollingFile::countLost(const char* data, size_t length, int error) {
@@ -237,6 +252,7 @@ void RollingFile::Close() {
       if (result == OS_OK) {
         noteWritten();
       } else {
+        cutTornLine(streamBuffer_.get(), written);
         countLost(streamBuffer_.get() + written, buffered_ - written,
                   osGetSpecificErrorCode(result));
       }
@@ -276,6 +292,7 @@ void RollingFile::flushFile() {
     if (result == OS_OK) {
       noteWritten();
     } else {
+      cutTornLine(streamBuffer_.get(), written);
       countLost(streamBuffer_.get() + written, buffered_ - written, osGetSpecificErrorCode(result));
     }
     buffered_ = 0;

@@ -183,6 +183,9 @@ class RollingFile : private NonCopyable {
   void failWrite(int error);
   // Counts the lines of `length` bytes of `data` as lost through `error`.
   void countLost(const char* data, size_t length, int error);
+  // After a write that stored only `written` bytes of `data`: cuts the file
+  // back to the end of the last whole line.
+  void cutTornLine(const char* data, size_t written);
   // Bytes reached the file: a loss going on is over.
   void noteWritten();
   // After an open in mode `mode`: puts a line end in front of what comes

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -240,6 +241,32 @@ TEST_F(InjectedRollingFile, LinesThatCannotBeWrittenAreCountedUntilAWriteWorksAg
   EXPECT_EQ(file.GetLoss().lines, 0u);
   EXPECT_FALSE(file.GetLoss().over);
   EXPECT_EQ(read_file(name), "kept\nfive\n");
+}
+
+// Stores the first g_partialBytes bytes for real, then reports a full disk.
+size_t g_partialBytes = 0;
+int PartialWrite(long fd, const void* data, size_t length, size_t* written) {
+  const size_t stored = std::min(length, g_partialBytes);
+  const ssize_t count = write(static_cast<int>(fd), data, stored);
+  if (written != nullptr) *written = count < 0 ? 0 : static_cast<size_t>(count);
+  return DISK_FULL;
+}
+
+TEST_F(InjectedRollingFile, AWriteCutShortLeavesNoTornLine) {
+  const std::string name = path("partial.log");
+  Zor::RollingFile file(name.c_str());
+  file.Printf("kept\n");
+  file.WriteOut();
+  file.Printf("one\ntwo\nthree\n");
+  g_partialBytes = 6;  // "one\ntw"
+  overrides_.writeDescriptor = PartialWrite;
+  file.WriteOut();
+  overrides_.writeDescriptor = InjectedWrite;
+  EXPECT_EQ(read_file(name), "kept\none\n");  // the torn "tw" is cut off again
+  EXPECT_EQ(file.GetLoss().lines, 2u);
+  file.Printf("four\n");
+  file.WriteOut();
+  EXPECT_EQ(read_file(name), "kept\none\nfour\n");
 }
 
 TEST_F(InjectedRollingFile, LinesRefusedBecauseNoFileOpensAreCounted) {

@@ -287,7 +287,7 @@ void KestrinServer::WriteFile(const std::string& relative, const std::string& co
 }
 
 std::string KestrinServer::ReadFile(const std::string& relative) const {
-  return ReadWhole(root_ + "/" + relative);
+  return ReadWhole(view_ + root_ + "/" + relative);
 }
 
 std::vector<std::string> KestrinServer::LogLines(const std::string& name) const {

@@ -105,6 +105,9 @@ class KestrinServer {
   // in a network namespace. The first word is an absolute path; the last
   // must exec the daemon in place, so that Pid() stays the daemon's.
   void SetLauncher(const std::vector<std::string>& words) { launcher_ = words; }
+  // Reads the root's files through `prefix` (for example "/proc/PID/root"
+  // of a daemon in a mount namespace of its own); empty: directly.
+  void SetFileView(const std::string& prefix) { view_ = prefix; }
 
   // The path of the daemon executable.
   static std::string DaemonPath();
@@ -127,6 +130,7 @@ class KestrinServer {
   std::string errPath_;
   std::vector<std::string> errPaths_;  // every process's standard error, scanned at the end
   std::vector<std::string> launcher_;  // in front of the daemon's path; empty: none
+  std::string view_;                   // in front of the root when reading files
   int pipeFd_ = -1;  // reading end of StartPiped's pipe; -1 when none or once it ended
 };
 
