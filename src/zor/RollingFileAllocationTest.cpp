@@ -28,6 +28,12 @@ void* operator new(size_t size) {
   return memory;
 }
 
+// Every form of new that the plain delete may free comes from malloc too.
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  if (g_counting.load()) ++g_allocations;
+  return malloc(size == 0 ? 1 : size);
+}
+
 void operator delete(void* memory) noexcept { free(memory); }
 void operator delete(void* memory, size_t) noexcept { free(memory); }
 
