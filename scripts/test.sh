@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds Kestrin and runs every test: once in a plain Release build, once under
-# AddressSanitizer + UndefinedBehaviorSanitizer. Extra builds:
-#   KESTRIN_TEST_TSAN=1  also runs the tests under ThreadSanitizer.
+# AddressSanitizer + UndefinedBehaviorSanitizer; the tests of the threaded
+# parts (label "threads": the compression thread, the socket layer, the
+# Agent and Master roles) also under ThreadSanitizer. Extra builds:
+#   KESTRIN_TEST_TSAN=1  runs every test under ThreadSanitizer instead.
 #   KESTRIN_TEST_QUICK=1 runs only the plain build.
 # Missing packages are installed first (as root: apt-get update, then
 # apt-get install).
@@ -36,4 +38,11 @@ if [ -z "${KESTRIN_TEST_QUICK:-}" ]; then
 fi
 if [ -n "${KESTRIN_TEST_TSAN:-}" ]; then
   run_build build-tsan thread RelWithDebInfo
+elif [ -z "${KESTRIN_TEST_QUICK:-}" ]; then
+  echo "=== build-tsan: the threaded parts under ThreadSanitizer"
+  cmake -S . -B build-tsan "${generator[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DKESTRIN_WERROR=ON -DKESTRIN_SANITIZE=thread -DKESTRIN_BENCH=OFF >/dev/null
+  cmake --build build-tsan -j"$jobs" --target zor_rolling_file_test zor_sockets_test \
+        kestrin_agent_role_test kestrin_master_role_test
+  ctest --test-dir build-tsan --output-on-failure -j"$jobs" --timeout 300 -L threads
 fi
