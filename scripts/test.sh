@@ -33,6 +33,9 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
 
 run_build build "" Release
+# What `cmake --install` puts in place works: files, soname, pkg-config, the
+# installed daemon and clients.
+./scripts/check-install.sh build
 if [ -z "${KESTRIN_TEST_QUICK:-}" ]; then
   run_build build-asan address,undefined RelWithDebInfo
 fi

@@ -441,11 +441,12 @@ TEST(QrtService, InvalidParametersAreRefusedBeforeAnythingHappens) {
   EXPECT_EQ(QRT_ERROR_INVALID_STATE, QrtServiceInitialized());
 }
 
-TEST(QrtService, UnitFileRunsTheDaemonAsANotifyService) {
-  std::string unit = read_file(std::string(KESTRIN_SOURCE_DIR) + "/etc/kestrin.service");
+TEST(QrtService, UnitFileRunsTheInstalledDaemonAsANotifyService) {
+  std::string unit = read_file(std::string(KESTRIN_BUILD_DIR) + "/etc/kestrin.service");
   EXPECT_NE(std::string::npos, unit.find("\n[Service]\n"));
   EXPECT_NE(std::string::npos, unit.find("\nType=notify\n"));
-  EXPECT_NE(std::string::npos, unit.find("\nExecStart=/usr/local/bin/kestrin start\n"));
+  EXPECT_NE(std::string::npos,
+            unit.find(std::string("\nExecStart=") + KESTRIN_INSTALL_BINDIR + "/kestrin start\n"));
 }
 
 }  // namespace
