@@ -27,6 +27,10 @@ for file in bin/kestrin bin/kestrin-log "$libdir/libQrtShared.so.1" "$libdir/lib
 done
 soname=$(readelf -d "$prefix/$libdir/libQrtShared.so.1" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
 [ "$soname" = libQrtShared.so.1 ] || fail "soname is '$soname', not libQrtShared.so.1"
+# Only the C API leaves the library: the Qrt* calls and the two segment names.
+leaked=$(nm -D --defined-only "$prefix/$libdir/libQrtShared.so.1" | awk '{print $3}' |
+         grep -vE '^(Qrt[A-Za-z]+|KesRegTableSharedMemoryName|KesSharedMemoryName)$' || true)
+[ -z "$leaked" ] || fail "libQrtShared.so.1 exports more than its C API: $leaked"
 grep -qx "kernel.msgmnb = 4194304" "$prefix/lib/sysctl.d/60-kestrin.conf" ||
   fail "the sysctl drop-in does not raise kernel.msgmnb"
 

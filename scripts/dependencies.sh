@@ -24,7 +24,7 @@ need_packages() {
 
 # What configuring the tree and building the daemon and its client need (the
 # tree's configuration looks for the test and benchmark libraries too).
-BUILD_PACKAGES=(cmake ninja-build g++ make pkg-config libsystemd-dev zlib1g-dev libgtest-dev
+BUILD_PACKAGES=(cmake ninja-build g++ make pkg-config zlib1g-dev libgtest-dev
   libgmock-dev libbenchmark-dev)
 # What running the tests needs besides.
 TEST_PACKAGES=(procps iproute2 python3 valgrind util-linux gzip)

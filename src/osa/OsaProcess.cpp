@@ -13,8 +13,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <stddef.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -231,6 +234,29 @@ int osDetachProcess(const char* name, long* readyHandle) {
   close(fds[0]);
   setsid();
   *readyHandle = fds[1];
+  return OS_OK;
+}
+
+int osNotifyServiceManager(const char* state) {
+  if (state == nullptr) return OS_ERROR_INVALID_PARAMETER;
+  const char* path = getenv("NOTIFY_SOCKET");
+  if (path == nullptr || path[0] == '\0') return OS_OK;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const size_t length = strlen(path);
+  if ((path[0] != '/' && path[0] != '@') || length >= sizeof address.sun_path) {
+    return OS_ERROR_INVALID_PARAMETER;
+  }
+  memcpy(address.sun_path, path, length);
+  if (path[0] == '@') address.sun_path[0] = '\0';  // the abstract namespace
+  const socklen_t size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
+  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return osa_internal::combined_error(OS_ERROR_GENERAL, errno);
+  const ssize_t sent =
+      sendto(fd, state, strlen(state), MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&address), size);
+  const int error = errno;
+  close(fd);
+  if (sent < 0) return osa_internal::combined_error(OS_ERROR_GENERAL, error);
   return OS_OK;
 }
 

@@ -6,8 +6,11 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <stddef.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -66,6 +69,57 @@ int claim_and_daemonize(void* name) {
     _exit(0);
   }
   return grandchild > 0 ? state * 1000000 + grandchild : -1;
+}
+
+// A notification socket as the service manager opens one: `name` is a path,
+// or "@name" for the abstract namespace.
+class NotifySocket {
+ public:
+  explicit NotifySocket(const std::string& name) {
+    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (name[0] == '@') address.sun_path[0] = '\0';
+    const socklen_t size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+    bound_ = bind(fd_, reinterpret_cast<sockaddr*>(&address), size) == 0;
+  }
+  ~NotifySocket() { close(fd_); }
+  bool Bound() const { return bound_; }
+  std::string Receive() {
+    char buffer[256];
+    const ssize_t count = recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT);
+    return count < 0 ? "<nothing>" : std::string(buffer, static_cast<size_t>(count));
+  }
+
+ private:
+  int fd_ = -1;
+  bool bound_ = false;
+};
+
+TEST(OsaNotifyServiceManager, SendsTheStateToTheSocketPath) {
+  osa_test::TempDir dir;
+  NotifySocket manager(dir.File("notify"));
+  ASSERT_TRUE(manager.Bound());
+  osa_test::ScopedEnv variable("NOTIFY_SOCKET", dir.File("notify").c_str());
+  EXPECT_EQ(OS_OK, osNotifyServiceManager("READY=1"));
+  EXPECT_EQ("READY=1", manager.Receive());
+}
+
+TEST(OsaNotifyServiceManager, ReachesAnAbstractSocket) {
+  const std::string name = "@kestrin-notify-test-" + std::to_string(getpid());
+  NotifySocket manager(name);
+  ASSERT_TRUE(manager.Bound());
+  osa_test::ScopedEnv variable("NOTIFY_SOCKET", name.c_str());
+  EXPECT_EQ(OS_OK, osNotifyServiceManager("STOPPING=1"));
+  EXPECT_EQ("STOPPING=1", manager.Receive());
+}
+
+TEST(OsaNotifyServiceManager, WithoutAManagerNothingIsSent) {
+  osa_test::ScopedEnv variable("NOTIFY_SOCKET", nullptr);
+  EXPECT_EQ(OS_OK, osNotifyServiceManager("READY=1"));
+  osa_test::ScopedEnv relative("NOTIFY_SOCKET", "relative/path");
+  EXPECT_EQ(OS_ERROR_INVALID_PARAMETER, osNotifyServiceManager("READY=1"));
 }
 
 TEST(OsaGetProcessId, IsThisProcess) {

@@ -562,6 +562,12 @@ int osDetachProcess(const char* name, long* readyHandle);
  * non-zero) or has failed (zero), and releases the handle. */
 int osReportReady(long readyHandle, int ready);
 
+/* Sends `state` (such as "READY=1" or "STOPPING=1") to the service manager
+ * through the datagram socket named by NOTIFY_SOCKET (a path, or "@name" for
+ * the abstract namespace), as systemd's notification protocol wants. OS_OK
+ * without sending when the variable is unset or empty. */
+int osNotifyServiceManager(const char* state);
+
 /* Points standard input, output and error at /dev/null (never mapped under
  * KESTRIN_ROOT), after writing out what stdio still buffers for them: a
  * process running in the background then no longer holds its starter's

@@ -1,6 +1,7 @@
 // The client library's C++ entry for the daemon itself: handing on an add-log
 // record that already carries a handle (the Master's path for records that
-// its Agents forward). Applications use QrtDiag.h instead.
+// its Agents forward). Applications use QrtDiag.h instead; the shared library
+// does not export this entry, the daemon links the library's code statically.
 #ifndef KESTRIN_QRT_QRT_INTERNAL_H_
 #define KESTRIN_QRT_QRT_INTERNAL_H_
 
@@ -16,7 +17,7 @@
 // QRT_ERROR_QUEUE_FULL at once. A null message, a type word other than 1 or a
 // `textLength` above 899 is QRT_ERROR_INVALID_PARAMETER; QRT_ERROR_NO_DAEMON
 // when there is no queue. Any thread may call it.
-QRT_EXPORT int EnqueueAddLogMessage(const kestrin::tKesLoggerMessage* message, int noWait,
-                                    unsigned int textLength);
+int EnqueueAddLogMessage(const kestrin::tKesLoggerMessage* message, int noWait,
+                         unsigned int textLength);
 
 #endif  // KESTRIN_QRT_QRT_INTERNAL_H_

@@ -2,7 +2,7 @@
 //
 // Design: a process started by systemd as a Type=notify unit finds
 // NOTIFY_SOCKET in its environment and reports "READY=1" and "STOPPING=1"
-// through sd_notify; it stays in the foreground, where systemd wants it.
+// through the notification socket; it stays in the foreground, where systemd wants it.
 // Started by hand, it detaches: QrtServiceStartService forks, the original
 // process blocks on a pipe until the child writes one byte from
 // QrtServiceInitialized (or closes it by ending or stopping), and exits with
@@ -20,7 +20,6 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <systemd/sd-daemon.h>
 
 #include <mutex>
 #include <string>
@@ -116,7 +115,7 @@ int service_initialized() {
   if (g_service.state != ServiceState::STARTED) return QRT_ERROR_INVALID_STATE;
   bool streamsDetached = true;
   if (g_service.underManager) {
-    if (sd_notify(0, "READY=1") < 0) return QRT_ERROR_SYSTEM;
+    if (osNotifyServiceManager("READY=1") != OS_OK) return QRT_ERROR_SYSTEM;
   } else if (g_service.readyHandle >= 0) {
     const int result = osReportReady(g_service.readyHandle, 1);
     g_service.readyHandle = -1;
@@ -141,7 +140,9 @@ int stop_service() {
     osReportReady(g_service.readyHandle, 0);
     g_service.readyHandle = -1;
   }
-  if (g_service.underManager && sd_notify(0, "STOPPING=1") < 0) return QRT_ERROR_SYSTEM;
+  if (g_service.underManager && osNotifyServiceManager("STOPPING=1") != OS_OK) {
+    return QRT_ERROR_SYSTEM;
+  }
   return QRT_OK;
 }
 
