@@ -34,6 +34,14 @@ leaked=$(nm -D --defined-only "$prefix/$libdir/libQrtShared.so.1" | awk '{print 
 grep -qx "kernel.msgmnb = 4194304" "$prefix/lib/sysctl.d/60-kestrin.conf" ||
   fail "the sysctl drop-in does not raise kernel.msgmnb"
 
+# The unit, with its daemon where this check installed it: valid, and
+# sandboxed to an exposure of 3.0 or less.
+unit=$scratch/kestrin.service
+sed "s|^ExecStart=[^ ]*|ExecStart=$prefix/bin/kestrin|" "$prefix/lib/systemd/system/kestrin.service" >"$unit"
+systemd-analyze verify "$unit" || fail "systemd-analyze verify finds fault with the unit"
+systemd-analyze security --offline=true --threshold=30 "$unit" >"$scratch/security.txt" ||
+  fail "the unit's exposure is above 3.0: $(tail -1 "$scratch/security.txt")"
+
 # A client built against the installed tree through pkg-config alone.
 export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
 # shellcheck disable=SC2046

@@ -447,6 +447,10 @@ TEST(QrtService, UnitFileRunsTheInstalledDaemonAsANotifyService) {
   EXPECT_NE(std::string::npos, unit.find("\nType=notify\n"));
   EXPECT_NE(std::string::npos,
             unit.find(std::string("\nExecStart=") + KESTRIN_INSTALL_BINDIR + "/kestrin start\n"));
+  // Clean-up exits with 0 whatever the reason: only "always" restarts it
+  // after a failure, and systemd's own stop is never followed by a restart.
+  EXPECT_NE(std::string::npos, unit.find("\nRestart=always\n"));
+  EXPECT_EQ(std::string::npos, unit.find("\nRestart=on-failure\n"));
 }
 
 }  // namespace
