@@ -4,7 +4,7 @@
 # directories and key file the daemon expects, and the sample configuration.
 include(GNUInstallDirs)
 
-install(TARGETS kestrin kestrin-log RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS kestrin kestrin-log kestrin-seqcheck RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS QrtShared LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES src/qrt/QrtDiag.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kestrin)
 

@@ -19,7 +19,7 @@ libdir=${libdir:-lib}
 
 fail() { echo "check-install: $*" >&2; exit 1; }
 
-for file in bin/kestrin bin/kestrin-log "$libdir/libQrtShared.so.1" "$libdir/libQrtShared.so" \
+for file in bin/kestrin bin/kestrin-log bin/kestrin-seqcheck "$libdir/libQrtShared.so.1" "$libdir/libQrtShared.so" \
             include/kestrin/QrtDiag.h "$libdir/pkgconfig/qrtshared.pc" \
             lib/systemd/system/kestrin.service lib/tmpfiles.d/kestrin.conf \
             lib/sysctl.d/60-kestrin.conf share/kestrin/Kestrin.conf share/kestrin/KestrinTaxonomy; do

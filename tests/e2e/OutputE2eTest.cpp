@@ -287,6 +287,11 @@ TEST_F(E2eCompressedFlood, EveryLineOnceAndInOrderAcrossCompressedBackups) {
     ++expected;
   }
   EXPECT_EQ(LINES, expected);
+  // The sequence checker shipped with the tools agrees.
+  const std::string tool = KestrinServer::DaemonPath();
+  const std::string seqcheck = tool.substr(0, tool.rfind('/')) + "/kestrin-seqcheck";
+  EXPECT_EQ(0, std::system((seqcheck + " " + Path("flood.log") +
+                            " '\\{(Flood)\\}.* seq ([0-9]+) ' >/dev/null").c_str()));
 }
 
 }  // namespace
