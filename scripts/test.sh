@@ -28,6 +28,11 @@ run_build() {
 # Product code reaches the system only through the platform layer.
 ./scripts/check-platform-seam.sh
 
+# What the machine holds before the tests: the run must add nothing to it.
+before=$(mktemp /tmp/test-run-before.XXXXXX)
+trap 'rm -f "$before"' EXIT
+./scripts/leftovers.sh snapshot "$before"
+
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
@@ -49,3 +54,6 @@ elif [ -z "${KESTRIN_TEST_QUICK:-}" ]; then
         kestrin_agent_role_test kestrin_master_role_test
   ctest --test-dir build-tsan --output-on-failure -j"$jobs" --timeout 300 -L threads
 fi
+
+# No queue, semaphore, segment, temporary file or process of the tests is left.
+./scripts/leftovers.sh check "$before"
