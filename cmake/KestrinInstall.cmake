@@ -28,3 +28,10 @@ configure_file(etc/kestrin-tmpfiles.conf.in ${CMAKE_BINARY_DIR}/etc/kestrin-tmpf
 install(FILES ${CMAKE_BINARY_DIR}/etc/kestrin-tmpfiles.conf
         DESTINATION lib/tmpfiles.d RENAME kestrin.conf)
 install(FILES etc/kestrin-sysctl.conf DESTINATION lib/sysctl.d RENAME 60-kestrin.conf)
+
+# The manual pages (scripts/check-man-pages.sh keeps them in step with the
+# programs' usage texts, the keys the daemon reads and the library's API).
+install(FILES man/kestrin-log.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES man/libqrtshared.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
+install(FILES man/Kestrin.conf.5 man/KestrinTaxonomy.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
+install(FILES man/kestrin.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)

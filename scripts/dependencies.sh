@@ -27,4 +27,4 @@ need_packages() {
 BUILD_PACKAGES=(cmake ninja-build g++ make pkg-config zlib1g-dev libgtest-dev
   libgmock-dev libbenchmark-dev)
 # What running the tests needs besides.
-TEST_PACKAGES=(procps iproute2 python3 valgrind util-linux gzip systemd)
+TEST_PACKAGES=(procps iproute2 python3 valgrind util-linux gzip systemd mandoc)

@@ -41,6 +41,8 @@ run_build build "" Release
 # What `cmake --install` puts in place works: files, soname, pkg-config, the
 # installed daemon and clients.
 ./scripts/check-install.sh build
+# The manual pages lint clean and describe every option, key and function.
+./scripts/check-man-pages.sh build
 if [ -z "${KESTRIN_TEST_QUICK:-}" ]; then
   run_build build-asan address,undefined RelWithDebInfo
 fi
