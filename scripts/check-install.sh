@@ -22,7 +22,9 @@ fail() { echo "check-install: $*" >&2; exit 1; }
 for file in bin/kestrin bin/kestrin-log bin/kestrin-seqcheck "$libdir/libQrtShared.so.1" "$libdir/libQrtShared.so" \
             include/kestrin/QrtDiag.h "$libdir/pkgconfig/qrtshared.pc" \
             lib/systemd/system/kestrin.service lib/tmpfiles.d/kestrin.conf \
-            lib/sysctl.d/60-kestrin.conf share/kestrin/Kestrin.conf share/kestrin/KestrinTaxonomy; do
+            lib/sysctl.d/60-kestrin.conf share/kestrin/Kestrin.conf share/kestrin/KestrinTaxonomy \
+            share/man/man8/kestrin.8 share/man/man1/kestrin-log.1 share/man/man5/Kestrin.conf.5 \
+            share/man/man5/KestrinTaxonomy.5 share/man/man3/libqrtshared.3; do
   [ -e "$prefix/$file" ] || fail "not installed: $file"
 done
 soname=$(readelf -d "$prefix/$libdir/libQrtShared.so.1" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
