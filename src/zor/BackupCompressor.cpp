@@ -62,6 +62,21 @@ void BackupCompressor::Deleted(const File& file, unsigned int number) {
   if (busy_ && file == current_ && currentNumber_ == number) abandoned_ = true;
 }
 
+void BackupCompressor::BeginRollOver(const File& file) {
+  std::lock_guard<std::mutex> guard(lock_);
+  rollingOver_.push_back(file);
+}
+
+void BackupCompressor::EndRollOver(const File& file) {
+  std::lock_guard<std::mutex> guard(lock_);
+  for (auto it = rollingOver_.begin(); it != rollingOver_.end(); ++it) {
+    if (*it == file) {
+      rollingOver_.erase(it);
+      return;
+    }
+  }
+}
+
 void BackupCompressor::Request(const File& file, unsigned int kept) {
   std::lock_guard<std::mutex> guard(lock_);
   bool queued = false;
@@ -147,6 +162,9 @@ void BackupCompressor::Run() {
 }
 
 bool BackupCompressor::TakeOldest(const Job& job, long* source) {
+  for (const File& rolling : rollingOver_) {
+    if (rolling == job.file) return false;
+  }
   for (unsigned int number = job.kept; number >= 1; --number) {
     const std::string name = Numbered(job.file.relative, number);
     int result = osOpenDescriptorBeneath(job.file.anchor.c_str(), name.c_str(), "r", source);

@@ -60,6 +60,12 @@ class BackupCompressor : private NonCopyable {
   void Moved(const File& file, unsigned int from, unsigned int to);
   void Deleted(const File& file, unsigned int number);
 
+  // Around a whole roll-over of `file` (not under the roll-over lock): in
+  // between, the thread opens none of its backups, so that it never reads a
+  // backup 1 that is still being written.
+  void BeginRollOver(const File& file);
+  void EndRollOver(const File& file);
+
   // Compresses the plain backups 1 to `kept` of `file`, oldest first. Not
   // under the roll-over lock.
   void Request(const File& file, unsigned int kept);
@@ -89,7 +95,8 @@ class BackupCompressor : private NonCopyable {
   static void ThreadEntry(void* self);
   void Run();
   // Under the lock: finds and opens the oldest plain backup of `job`;
-  // false when there is none left (or it could not be opened).
+  // false when there is none left (or it could not be opened), and while the
+  // file is in a roll-over (whose end asks again).
   bool TakeOldest(const Job& job, long* source);
   // Without the lock: compresses `source` into the temporary file, synced.
   // Returns 0, the errno value of a failure, or -1 when stopped.
@@ -106,6 +113,7 @@ class BackupCompressor : private NonCopyable {
   std::condition_variable wake_;  // a request came, or the thread must stop
   std::condition_variable idle_;  // the thread has nothing to do, or ended
   std::deque<Job> pending_;
+  std::vector<File> rollingOver_;  // files in a roll-over: not to be touched
   bool threadRunning_ = false;
   std::atomic<bool> stopping_{false};  // read between chunks without the lock
   bool busy_ = false;  // a job has been taken and is being worked on

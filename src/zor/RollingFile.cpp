@@ -273,6 +273,11 @@ void RollingFile::RollOver() {
     return;  // nothing to roll (or only a link, which is never rolled)
   }
   const unsigned int kept = backupCount();
+  // The compression thread leaves this file's backups alone until the new
+  // backup 1 is complete and closed.
+  BackupCompressor& compressor = BackupCompressor::Instance();
+  const BackupCompressor::File file = compressorFile();
+  compressor.BeginRollOver(file);
   // Backups left from an earlier, larger count go first.
   for (unsigned int n = kept + 1; n != 0 && deleteOldLog(n); ++n) {
   }
@@ -280,6 +285,10 @@ void RollingFile::RollOver() {
   for (unsigned int n = kept; n >= 2; --n) renumberOldLog(n - 1, n);
   if (kept != 0) archiveCurrentFile();
   Close();
+  compressor.EndRollOver(file);
+  // Every plain backup is compressed, oldest first: also those left plain
+  // when roll-overs outpaced compression, a failure or a restart.
+  if (kept != 0 && zipBackups()) compressor.Request(file, kept);
   openFile("w");
 }
 
@@ -518,9 +527,6 @@ void RollingFile::archiveCurrentFile() {
                             " to " + backup);
   }
   Close();
-  // Every plain backup is compressed, oldest first: also those left plain
-  // when roll-overs outpaced compression, a failure or a restart.
-  if (zipBackups()) BackupCompressor::Instance().Request(compressorFile(), backupCount());
 }
 
 void RollingFile::ReportCompressionFailures() {

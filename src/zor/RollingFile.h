@@ -161,8 +161,7 @@ class RollingFile : private NonCopyable {
   bool deleteOldLog(unsigned int number);
   // Renames backup `from` to `to` (compressed and plain).
   void renumberOldLog(unsigned int from, unsigned int to);
-  // Moves the current file to backup 1, closes it and asks for the plain
-  // backups to be compressed.
+  // Moves the current file to backup 1 and closes it.
   void archiveCurrentFile();
   std::string nameOfZippedOldLog(unsigned int number) const;
   std::string nameOfUnzippedOldLog(unsigned int number) const;

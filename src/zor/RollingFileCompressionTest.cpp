@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "zor/BackupCompressor.h"
 #include "zor/RollingFile.h"
 #include "zor/RollingFileTestSupport.h"
 
@@ -244,6 +245,26 @@ TEST_F(Compression, StoppingAbandonsTheCompressionUnderWay) {
   EXPECT_EQ(Entries(),
             (std::set<std::string>{"stopped.log", "stopped.log.1.gz", "stopped.log.2.gz"}));
   EXPECT_EQ(Gunzip(name + ".2.gz"), "first\n");
+}
+
+TEST_F(Compression, NoBackupOfAFileInARollOverIsTouched) {
+  // A roll-over writes the last buffered lines into backup 1 after naming
+  // it so; until its end the thread must leave the file's backups alone.
+  const std::string name = path("rolling.log");
+  write_file(name + ".1", "still being written");
+  Zor::BackupCompressor& compressor = Zor::BackupCompressor::Instance();
+  const Zor::BackupCompressor::File file{dir_.Path() + "/", "rolling.log", name};
+  compressor.BeginRollOver(file);
+  compressor.Request(file, 3);
+  compressor.WaitUntilIdle();
+  EXPECT_EQ(OpenedForReading(), std::vector<std::string>{});
+  EXPECT_EQ(Entries(), (std::set<std::string>{"rolling.log.1"}));
+  write_file(name + ".1", "complete\n");
+  compressor.EndRollOver(file);
+  compressor.Request(file, 3);
+  compressor.WaitUntilIdle();
+  EXPECT_EQ(Entries(), (std::set<std::string>{"rolling.log.1.gz"}));
+  EXPECT_EQ(Gunzip(name + ".1.gz"), "complete\n");
 }
 
 TEST_F(Compression, ShellCharactersInTheNameAreJustCharacters) {
