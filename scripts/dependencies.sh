@@ -28,3 +28,6 @@ BUILD_PACKAGES=(cmake ninja-build g++ make pkg-config zlib1g-dev libgtest-dev
   libgmock-dev libbenchmark-dev)
 # What running the tests needs besides.
 TEST_PACKAGES=(procps iproute2 python3 valgrind util-linux gzip systemd mandoc)
+# What the fuzzing step of the test command needs: clang, and the runtime
+# libraries of libFuzzer and the sanitizers for it (libclang_rt.fuzzer*.a).
+FUZZ_PACKAGES=(clang libclang-rt-14-dev)

@@ -5,12 +5,18 @@
 # Agent and Master roles) also under ThreadSanitizer. Extra builds:
 #   KESTRIN_TEST_TSAN=1  runs every test under ThreadSanitizer instead.
 #   KESTRIN_TEST_QUICK=1 runs only the plain build.
+# Last, every libFuzzer harness of fuzz/ runs for KESTRIN_FUZZ_SECONDS
+# (default 60) in a clang build (build-fuzz, scripts/fuzz.sh); a finding fails
+# the command. Skipped with KESTRIN_TEST_QUICK.
 # Missing packages are installed first (as root: apt-get update, then
 # apt-get install).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/dependencies.sh
 need_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
+if [ -z "${KESTRIN_TEST_QUICK:-}" ]; then
+  need_packages "${FUZZ_PACKAGES[@]}"
+fi
 
 jobs=${KESTRIN_JOBS:-2}
 generator=()
@@ -55,6 +61,10 @@ elif [ -z "${KESTRIN_TEST_QUICK:-}" ]; then
   cmake --build build-tsan -j"$jobs" --target zor_rolling_file_test zor_sockets_test \
         kestrin_agent_role_test kestrin_master_role_test
   ctest --test-dir build-tsan --output-on-failure -j"$jobs" --timeout 300 -L threads
+fi
+if [ -z "${KESTRIN_TEST_QUICK:-}" ]; then
+  echo "=== build-fuzz: every fuzz harness for ${KESTRIN_FUZZ_SECONDS:-60} s"
+  KESTRIN_JOBS=$jobs ./scripts/fuzz.sh --all "${KESTRIN_FUZZ_SECONDS:-60}"
 fi
 
 # No queue, semaphore, segment, temporary file or process of the tests is left.

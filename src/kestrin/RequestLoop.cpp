@@ -234,20 +234,8 @@ static_assert(HANDLER_COUNT == 16, "one handler per request type 0..15");
 // Steps of one pass after a successful receive: the size, type-word and
 // version checks, then the request's handler.
 Outcome CheckAndDispatch(long textSize, ErrorThrottle& failures) {
+  if (!CheckQueueRecord(s_message, textSize)) return Outcome::REJECTED;
   const long recordSize = KesRecordSizeFromQueueLength(textSize);
-  if (recordSize < MIN_RECORD_SIZE) {
-    RaiseEvent(s_invalidMessageReceived, EventId_InvalidMessageReceived,
-               "Received message from queue with body size " + std::to_string(recordSize) +
-                   ", which is less than the minimum of " + std::to_string(MIN_RECORD_SIZE));
-    return Outcome::REJECTED;
-  }
-  if (s_message.mtype != 1) {
-    RaiseEvent(
-        s_invalidMessageType, EventId_InvalidMessageType,
-        "Received message from queue with invalid header of " + std::to_string(s_message.mtype));
-    return Outcome::REJECTED;
-  }
-  if (!checkMessageVersion(s_message.header, QUEUE_SOURCE)) return Outcome::REJECTED;
   Request request{s_message, static_cast<unsigned int>(recordSize), failures};
   const uint16_t type = s_message.header.type;
   Handler handler = type < HANDLER_COUNT ? kHandlers[type] : HandleUnrecognized;
@@ -512,6 +500,23 @@ int SendHeaderOnlyRecord(int queueId, uint16_t type, bool noWait) {
   message.header.version = KES_INTERFACE_VERSION;
   message.header.type = type;
   return osSysVQueueSend(queueId, &message, KesQueueSendLength(sizeof(tKesMessage)), noWait);
+}
+
+bool CheckQueueRecord(const tKesLoggerMessage& message, long textSize) {
+  const long recordSize = KesRecordSizeFromQueueLength(textSize);
+  if (recordSize < MIN_RECORD_SIZE) {
+    RaiseEvent(s_invalidMessageReceived, EventId_InvalidMessageReceived,
+               "Received message from queue with body size " + std::to_string(recordSize) +
+                   ", which is less than the minimum of " + std::to_string(MIN_RECORD_SIZE));
+    return false;
+  }
+  if (message.mtype != 1) {
+    RaiseEvent(
+        s_invalidMessageType, EventId_InvalidMessageType,
+        "Received message from queue with invalid header of " + std::to_string(message.mtype));
+    return false;
+  }
+  return checkMessageVersion(message.header, QUEUE_SOURCE);
 }
 
 bool checkMessageVersion(const tKesMessage& header, const char* source) {

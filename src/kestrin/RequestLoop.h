@@ -59,6 +59,13 @@ void createKestrinsQueue();
 // through clean_up (901, 902, 903).
 void run();
 
+// The checks run() makes of every received record before its handler: the
+// text of `textSize` bytes holds at least a header (4 bytes after the length
+// allowance), the type word is 1 and the interface version 34. A failure
+// raises its event (7013, 7011 or 7010 through checkMessageVersion) and
+// returns false; the caller drops the record. Main thread only.
+bool CheckQueueRecord(const tKesLoggerMessage& message, long textSize);
+
 // True when the record's interface version is 34. Otherwise raises event
 // 7010 naming `source` and the version, and returns false. Any thread.
 bool checkMessageVersion(const tKesMessage& header, const char* source);

@@ -404,6 +404,28 @@ TEST_F(RequestLoop, VersionCheckNamesTheSourceItIsGiven) {
             own.Texts());
 }
 
+TEST_F(RequestLoop, RecordChecksCalledDirectlyGiveTheLoopsVerdicts) {
+  tKesLoggerMessage message{};
+  message.mtype = 1;
+  message.header = tKesMessage{KES_INTERFACE_VERSION, KES_NO_OP_REQUEST};
+  OwnLogCapture own;
+  EXPECT_TRUE(CheckQueueRecord(message, 8));
+  EXPECT_FALSE(CheckQueueRecord(message, 7));
+  message.mtype = 2;
+  EXPECT_FALSE(CheckQueueRecord(message, 8));
+  message.mtype = 1;
+  message.header.version = 33;
+  EXPECT_FALSE(CheckQueueRecord(message, 8));
+  EXPECT_EQ(Texts({"Received message from queue with body size 3, which is less than the minimum "
+                   "of 4",
+                   "Received message from queue with invalid header of 2",
+                   "Version mismatch: received a message from IPC queue with version 33; expecting "
+                   "version 34. Ensure that the QRT Library, the Master, and the Agents are all "
+                   "using the same version."}),
+            own.Texts());
+  EXPECT_EQ(Texts({"7013", "7011", "7010"}), EventIds());
+}
+
 // ---- stale requests ------------------------------------------------------------
 
 TEST_F(RequestLoop, StaleStopHupAndReportAreIgnoredOrMarkedAndAFreshStopStops) {
