@@ -7,7 +7,8 @@
 //
 // Each side's steps are taken with the functions the roles use, in their
 // order: the frame size checks, QueueMessageFromFrame, the byte-order
-// conversion, the version check (Master), the validators, and the handle
+// conversion, the version check (Master), the record the client library
+// queues for a forwarded add-log, the validators, and the handle
 // mapping: a Master turns an unregistered add-log into the RegHandle record
 // it sends back and the add-log it queues; an Agent records the Master's
 // handle for the matching registration slot (AgentRole::LocalRegHandleMessage
@@ -15,7 +16,7 @@
 // own queue, the record instead goes through the main loop's checks and the
 // validator its handler runs. Records a Master builds must pass the checks
 // of their receiver: the RegHandle record goes, as a frame, through the
-// Agent's side, and the harness aborts when either built record is refused.
+// Agent's side, and the harness aborts when a built record is refused.
 #include <stddef.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -33,6 +34,7 @@
 #include "kestrin/RegTable.h"
 #include "kestrin/RequestLoop.h"
 #include "kestrin/Role.h"
+#include "qrt/QrtInternal.h"
 #include "zor/sockets/FrameHeader.h"
 
 namespace {
@@ -41,6 +43,9 @@ using namespace kestrin;
 using Zor::Sockets::FrameHeader;
 
 constexpr char AGENT_SOURCE[] = "Agent (fuzz input)";
+// What a Master subtracts from an add-log frame's size to get the text
+// length: frame header, fixed part and the text's NUL.
+constexpr unsigned int ADD_LOG_FRAME_OVERHEAD = 45;
 
 // Every slot is registered with its own number as handle; slot names repeat
 // every 4 slots, so that a RegHandle record can match one.
@@ -96,14 +101,23 @@ void MasterTakesLogFileSize(const void* frame, unsigned int size) {
   ValidateLogFileSizeMessage(&message.logFileSize, recordSize);
 }
 
+// The Master hands the record to EnqueueAddLogMessage with the text length
+// the frame size gives; the record that function queues (cut there and
+// NUL-terminated) must pass the main loop whenever its handle names a slot.
 void MasterTakesAddLog(const void* frame, unsigned int size) {
   if (size < MasterRole::MIN_ADD_LOG_FRAME_SIZE) return;
   static tKesLoggerMessage message;
-  const unsigned int recordSize = QueueMessageFromFrame(&message, frame, size);
+  QueueMessageFromFrame(&message, frame, size);
   NetworkToHost(&message.addLog);
-  if (!PassesMainLoop(message, recordSize)) return;
+  static tKesLoggerMessage queued;
+  const size_t queuedSize =
+      FormatQueuedAddLogMessage(&queued, &message, size - ADD_LOG_FRAME_OVERHEAD);
+  if (queuedSize == 0) return;  // refused and reported by the Master
   unsigned int slot = 0;
-  ValidateAddLogMessage(&message.addLog, recordSize, &slot);
+  const bool passed =
+      PassesMainLoop(queued, static_cast<unsigned int>(queuedSize)) &&
+      ValidateAddLogMessage(&queued.addLog, static_cast<unsigned int>(queuedSize), &slot);
+  if (!passed && queued.addLog.handle < KES_REG_TABLE_SLOTS) abort();
 }
 
 void MasterTakesUnregisteredAddLog(const void* frame, unsigned int size, uint8_t handle) {

@@ -146,15 +146,9 @@ int add_log_formatted(int handle, unsigned char destination, unsigned short seve
 }
 
 int enqueue(const tKesLoggerMessage* message, int noWait, unsigned int textLength) {
-  if (message == nullptr || message->mtype != 1 || textLength > MAX_TEXT_LENGTH) {
-    return QRT_ERROR_INVALID_PARAMETER;
-  }
   tKesLoggerMessage copy;
-  memset(&copy, 0, sizeof copy);
-  copy.mtype = 1;
-  memcpy(&copy.addLog, &message->addLog, TEXT_OFFSET + textLength);
-  copy.addLog.text[textLength] = '\0';
-  size_t recordSize = TEXT_OFFSET + textLength + 1;
+  const size_t recordSize = FormatQueuedAddLogMessage(&copy, message, textLength);
+  if (recordSize == 0) return QRT_ERROR_INVALID_PARAMETER;
   return qrt::send_to_daemon(&copy, kestrin::KesQueueSendLength(recordSize), noWait);
 }
 
@@ -185,6 +179,16 @@ extern "C" int QrtDiagAddLog(int handle, unsigned char destination, unsigned sho
 }
 
 extern "C" unsigned long QrtDiagGetDroppedCount(void) { return g_dropped.load(); }
+
+size_t FormatQueuedAddLogMessage(tKesLoggerMessage* out, const tKesLoggerMessage* message,
+                                 unsigned int textLength) {
+  if (message == nullptr || message->mtype != 1 || textLength > MAX_TEXT_LENGTH) return 0;
+  memset(out, 0, sizeof *out);
+  out->mtype = 1;
+  memcpy(&out->addLog, &message->addLog, TEXT_OFFSET + textLength);
+  out->addLog.text[textLength] = '\0';
+  return TEXT_OFFSET + textLength + 1;
+}
 
 int EnqueueAddLogMessage(const tKesLoggerMessage* message, int noWait, unsigned int textLength) {
   try {

@@ -408,6 +408,20 @@ TEST(QrtAddLog, EnqueueRejectsBadArguments) {
   EXPECT_EQ(0u, daemon.QueuedCount());
 }
 
+TEST(QrtAddLog, QueuedRecordIsCutAtTheTextLengthAndRefusedForBadArguments) {
+  kestrin::tKesLoggerMessage relayed = relayed_record("relayed text");
+  kestrin::tKesLoggerMessage out;
+  ASSERT_EQ(41u + 7u, FormatQueuedAddLogMessage(&out, &relayed, 7));
+  EXPECT_EQ(1, out.mtype);
+  EXPECT_STREQ("relayed", out.addLog.text);
+  EXPECT_EQ(relayed.addLog.handle, out.addLog.handle);
+  EXPECT_EQ(0, out.addLog.text[8]) << "bytes after the record are zero";
+  EXPECT_EQ(0u, FormatQueuedAddLogMessage(&out, nullptr, 1));
+  EXPECT_EQ(0u, FormatQueuedAddLogMessage(&out, &relayed, 900));
+  relayed.mtype = 2;
+  EXPECT_EQ(0u, FormatQueuedAddLogMessage(&out, &relayed, 1));
+}
+
 TEST(QrtAddLog, EnqueueWithoutWaitingOnAFullQueueIsQueueFullAndNotADrop) {
   FakeDaemon daemon;
   ASSERT_TRUE(daemon.Ok());

@@ -20,4 +20,13 @@
 int EnqueueAddLogMessage(const kestrin::tKesLoggerMessage* message, int noWait,
                          unsigned int textLength);
 
+// The record EnqueueAddLogMessage puts on the queue, built into `out` (type
+// word 1, zero bytes after the record): the add-log of `message` with its
+// text cut at `textLength` characters and NUL-terminated. Returns the
+// record's size (41 + textLength), or 0, leaving `out` alone, for the
+// arguments EnqueueAddLogMessage refuses. Any thread may call it.
+QRT_EXPORT size_t FormatQueuedAddLogMessage(kestrin::tKesLoggerMessage* out,
+                                            const kestrin::tKesLoggerMessage* message,
+                                            unsigned int textLength);
+
 #endif  // KESTRIN_QRT_QRT_INTERNAL_H_
