@@ -1,14 +1,15 @@
 // libFuzzer harness for queue records as the main loop receives them.
 //
-// The input is the text of one System V message as msgrcv hands it over:
-// the 8-byte type word, then the record and the 4 bytes of the length
-// allowance (inputs longer than one receive takes are cut, as the receive
-// would). The record goes through the main loop's checks (size, type word,
-// interface version), then through the validator of its type, exactly as
-// run() does before a handler sees it. Every printer then dumps the buffer,
-// whatever its type and whether or not it passed: printers must be safe on
-// unchecked records. The registration table is a local one whose active
-// slots the input chooses, so that the add-log handle check runs both ways.
+// The input is one System V message as msgrcv hands it over: the 8-byte
+// type word, then the text (the record and the 4 bytes of the length
+// allowance). Inputs with no text, or with more than one receive takes, are
+// skipped: the loop reports those as receive failures and never checks them.
+// The record goes through the main loop's checks (size, type word, interface
+// version), then through the validator of its type, exactly as run() does
+// before a handler sees it. Every printer then dumps the buffer, whatever its
+// type and whether or not it passed: printers must be safe on unchecked
+// records. The registration table is a local one whose active slots the
+// input chooses, so that the add-log handle check runs both ways.
 #include <stddef.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -90,8 +91,8 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static tKesLoggerMessage message;
-  if (size <= sizeof(long)) return 0;
-  const size_t textSize = std::min(size - sizeof(long), KES_MAX_QUEUE_TEXT);
+  if (size <= sizeof(long) || size - sizeof(long) > KES_MAX_QUEUE_TEXT) return 0;
+  const size_t textSize = size - sizeof(long);
   memset(&message, 0, sizeof message);
   memcpy(&message, data, sizeof(long) + textSize);
   PrepareTable(message);
