@@ -25,8 +25,8 @@ int EnqueueAddLogMessage(const kestrin::tKesLoggerMessage* message, int noWait,
 // text cut at `textLength` characters and NUL-terminated. Returns the
 // record's size (41 + textLength), or 0, leaving `out` alone, for the
 // arguments EnqueueAddLogMessage refuses. Any thread may call it.
-QRT_EXPORT size_t FormatQueuedAddLogMessage(kestrin::tKesLoggerMessage* out,
-                                            const kestrin::tKesLoggerMessage* message,
-                                            unsigned int textLength);
+size_t FormatQueuedAddLogMessage(kestrin::tKesLoggerMessage* out,
+                                 const kestrin::tKesLoggerMessage* message,
+                                 unsigned int textLength);
 
 #endif  // KESTRIN_QRT_QRT_INTERNAL_H_
