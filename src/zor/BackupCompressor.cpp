@@ -140,13 +140,12 @@ void BackupCompressor::Run() {
     const Job job = pending_.front();
     pending_.pop_front();
     busy_ = true;
-    Descriptor source;
-    while (!stopping_ && TakeOldest(job, source.Out())) {
+    long source = -1;
+    while (!stopping_ && TakeOldest(job, &source)) {
       const std::string temporary = job.file.relative + ".gz.tmp";
       guard.unlock();
-      const int error = Compress(source.Get(), temporary);
-      osCloseDescriptor(source.Get());
-      *source.Out() = -1;
+      const int error = Compress(source, temporary);
+      osCloseDescriptor(source);
       guard.lock();
       if (error > 0) AddFailure(BackupName(currentNumber_), error);
       if (error != 0 || !Finish(temporary)) {

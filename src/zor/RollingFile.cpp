@@ -178,17 +178,22 @@ bool RollingFile::writeOutBuffer() {
 }
 
 bool RollingFile::writeThrough(const char* data, size_t length) {
+  const int result = writeCounted(data, length);
+  if (result == OS_OK) return true;
+  failWrite(osGetSpecificErrorCode(result));
+  return false;
+}
+
+int RollingFile::writeCounted(const char* data, size_t length) {
   size_t written = 0;
-  int result = osWriteDescriptor(fd_, data, length, &written);
+  const int result = osWriteDescriptor(fd_, data, length, &written);
   if (result == OS_OK) {
     noteWritten();
-    return true;
+  } else {
+    cutTornLine(data, written);
+    countLost(data + written, length - written, osGetSpecificErrorCode(result));
   }
-  const int error = osGetSpecificErrorCode(result);
-  cutTornLine(data, written);
-  countLost(data + written, length - written, error);
-  failWrite(error);
-  return false;
+  return result;
 }
 
 // A write that stopped part-way (a full disk) may have left the start of a
@@ -246,17 +251,7 @@ void RollingFile::Close() {
   if (fd_ >= 0) {
     // Like a stream's close: what is buffered is written, a failure is not
     // reported (but the lines are counted as lost).
-    if (buffered_ != 0) {
-      size_t written = 0;
-      const int result = osWriteDescriptor(fd_, streamBuffer_.get(), buffered_, &written);
-      if (result == OS_OK) {
-        noteWritten();
-      } else {
-        cutTornLine(streamBuffer_.get(), written);
-        countLost(streamBuffer_.get() + written, buffered_ - written,
-                  osGetSpecificErrorCode(result));
-      }
-    }
+    if (buffered_ != 0) writeCounted(streamBuffer_.get(), buffered_);
     osCloseDescriptor(fd_);
     fd_ = -1;
   }
@@ -296,14 +291,7 @@ void RollingFile::flushFile() {
   if (fd_ < 0) return;
   int result = OS_OK;
   if (buffered_ != 0) {
-    size_t written = 0;
-    result = osWriteDescriptor(fd_, streamBuffer_.get(), buffered_, &written);
-    if (result == OS_OK) {
-      noteWritten();
-    } else {
-      cutTornLine(streamBuffer_.get(), written);
-      countLost(streamBuffer_.get() + written, buffered_ - written, osGetSpecificErrorCode(result));
-    }
+    result = writeCounted(streamBuffer_.get(), buffered_);
     buffered_ = 0;
   }
   if (result == OS_OK) result = osSyncDescriptor(fd_);

@@ -182,6 +182,10 @@ class RollingFile : private NonCopyable {
   void failWrite(int error);
   // Counts the lines of `length` bytes of `data` as lost through `error`.
   void countLost(const char* data, size_t length, int error);
+  // Writes `length` bytes of `data` to the descriptor; a write cut short
+  // loses no whole line to a torn one (cutTornLine), and what it could not
+  // write is counted as lost. Returns the platform layer's result.
+  int writeCounted(const char* data, size_t length);
   // After a write that stored only `written` bytes of `data`: cuts the file
   // back to the end of the last whole line.
   void cutTornLine(const char* data, size_t written);
